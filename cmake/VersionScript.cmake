@@ -1,0 +1,22 @@
+# Writes a linker version script that exports every function and data object declared with
+# BRAKWELL_API in the public header, and hides everything else.
+function(brakwell_version_script header output)
+  file(STRINGS ${header} lines REGEX "^BRAKWELL_API ")
+  set(names "")
+  foreach(line IN LISTS lines)
+    # The name is the last identifier before "(", "[" or ";".
+    if(line MATCHES "([A-Za-z_][A-Za-z0-9_]*)[ ]*(\\(|\\[|;)")
+      list(APPEND names ${CMAKE_MATCH_1})
+    endif()
+  endforeach()
+  list(REMOVE_DUPLICATES names)
+  list(SORT names)
+  set(body "{\n  global:\n")
+  foreach(name IN LISTS names)
+    string(APPEND body "    ${name};\n")
+  endforeach()
+  string(APPEND body "  local:\n    *;\n};\n")
+  file(WRITE ${output}.tmp "${body}")
+  configure_file(${output}.tmp ${output} COPYONLY)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${header})
+endfunction()

@@ -1,0 +1,203 @@
+#include "boards.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "topology.h"
+
+namespace sim {
+
+PortSpec PortSpec::for_site(int site) {
+  return PortSpec{site, board_devnode(site), board_link(site), board_tty_sys_path(site)};
+}
+
+Board::Board(Testbed& bed, PortSpec spec, int fd) : bed_(bed), spec_(std::move(spec)), fd_(fd) {}
+
+std::string Board::received() const {
+  std::lock_guard lock(mutex_);
+  return bytes_;
+}
+
+std::vector<ReceivedLine> Board::lines() const {
+  std::lock_guard lock(mutex_);
+  return lines_;
+}
+
+void Board::clear() {
+  std::lock_guard lock(mutex_);
+  bytes_.clear();
+  partial_.clear();
+  lines_.clear();
+}
+
+bool Board::wait_lines(size_t n, double timeoutSeconds) const {
+  std::unique_lock lock(mutex_);
+  return arrived_.wait_for(lock, std::chrono::duration<double>(timeoutSeconds),
+                           [&] { return lines_.size() >= n; });
+}
+
+void Board::reply(const std::string& text) {
+  const int fd = fd_;
+  if (fd < 0) return;
+  if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    std::perror("sim: board reply");
+  }
+}
+
+void Board::set_responder(Responder responder) {
+  std::lock_guard lock(mutex_);
+  responder_ = std::move(responder);
+}
+
+void Board::script_status(std::vector<std::string> replies) {
+  auto next = std::make_shared<size_t>(0);
+  set_responder(
+      [replies = std::move(replies), next](const ReceivedLine& line) -> std::optional<std::string> {
+        if (line.text != "vel_fixture_status\n" || replies.empty()) return std::nullopt;
+        const size_t i = std::min(*next, replies.size() - 1);
+        ++*next;
+        return replies[i];
+      });
+}
+
+void Board::unplug() {
+  const int fd = fd_.exchange(-1);
+  if (fd >= 0) close(fd);
+  bed_.trace("site" + std::to_string(spec_.site), "unplugged=1");
+}
+
+void Board::stop_reading() { reading_ = false; }
+void Board::resume_reading() { reading_ = true; }
+
+void Board::on_bytes(const char* data, size_t n) {
+  const double t = now();
+  std::vector<ReceivedLine> complete;
+  Responder responder;
+  {
+    std::lock_guard lock(mutex_);
+    bytes_.append(data, n);
+    for (size_t i = 0; i < n; ++i) {
+      partial_ += data[i];
+      if (data[i] == '\n') {
+        lines_.push_back({t, partial_});
+        complete.push_back(lines_.back());
+        partial_.clear();
+      }
+    }
+    responder = responder_;
+  }
+  arrived_.notify_all();
+  for (const auto& line : complete) {
+    bed_.trace("site" + std::to_string(spec_.site), line.text);
+    if (responder) {
+      if (auto answer = responder(line)) reply(*answer);
+    }
+  }
+}
+
+Boards::Boards(Testbed& bed) : bed_(bed) {
+  if (pipe2(wakePipe_, O_CLOEXEC | O_NONBLOCK) != 0) std::abort();
+  reader_ = std::thread([this] { run(); });
+}
+
+Boards::~Boards() {
+  stop_ = true;
+  wake();
+  reader_.join();
+  for (auto& board : boards_) {
+    const int fd = board->fd_.exchange(-1);
+    if (fd >= 0) close(fd);
+  }
+  close(wakePipe_[0]);
+  close(wakePipe_[1]);
+}
+
+Board& Boards::add(const PortSpec& spec) {
+  std::string record = "P: " + spec.sysPath + "\nN: " + spec.devnode.substr(5) +
+                       "\nE: SUBSYSTEM=tty\nE: DEVNAME=" + spec.devnode + "\n";
+  if (!spec.link.empty()) record += "E: DEVLINKS=" + spec.link + "\n";
+  bed_.add_from_string(record);
+  if (!spec.link.empty()) bed_.add_dev_link(spec.link, spec.devnode.substr(5));
+  const int fd = umockdev_testbed_get_dev_fd(bed_.raw(), spec.devnode.c_str());
+  if (fd < 0) {
+    std::fprintf(stderr, "sim: no pseudo-terminal for %s\n", spec.devnode.c_str());
+    std::abort();
+  }
+  // Our end must not block the reader thread, and is ours to close.
+  const int own = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  fcntl(own, F_SETFL, fcntl(own, F_GETFL) | O_NONBLOCK);
+  std::lock_guard lock(mutex_);
+  boards_.push_back(std::unique_ptr<Board>(new Board(bed_, spec, own)));
+  wake();
+  return *boards_.back();
+}
+
+void Boards::add_sites(int first, int last) {
+  for (int n = first; n <= last; ++n) add_site(n);
+}
+
+Board& Boards::site(int n) {
+  std::lock_guard lock(mutex_);
+  for (auto& board : boards_) {
+    if (board->site() == n) return *board;
+  }
+  std::fprintf(stderr, "sim: no board for site %d\n", n);
+  std::abort();
+}
+
+bool Boards::has_site(int n) const {
+  auto& self = const_cast<Boards&>(*this);
+  std::lock_guard lock(self.mutex_);
+  for (auto& board : boards_) {
+    if (board->site() == n) return true;
+  }
+  return false;
+}
+
+std::vector<Board*> Boards::all() {
+  std::lock_guard lock(mutex_);
+  std::vector<Board*> out;
+  for (auto& board : boards_) out.push_back(board.get());
+  return out;
+}
+
+void Boards::wake() {
+  const char c = 1;
+  (void)!write(wakePipe_[1], &c, 1);
+}
+
+void Boards::run() {
+  while (!stop_) {
+    std::vector<pollfd> fds{{wakePipe_[0], POLLIN, 0}};
+    std::vector<Board*> owners{nullptr};
+    {
+      std::lock_guard lock(mutex_);
+      for (auto& board : boards_) {
+        const int fd = board->fd_;
+        if (fd >= 0 && board->reading_) {
+          fds.push_back({fd, POLLIN, 0});
+          owners.push_back(board.get());
+        }
+      }
+    }
+    // A board that stopped reading is looked at again every 50 ms.
+    if (poll(fds.data(), fds.size(), 50) <= 0) continue;
+    if (fds[0].revents) {
+      char drain[64];
+      while (read(wakePipe_[0], drain, sizeof drain) > 0) {
+      }
+    }
+    for (size_t i = 1; i < fds.size(); ++i) {
+      if (!(fds[i].revents & POLLIN)) continue;
+      char buf[4096];
+      const ssize_t n = read(fds[i].fd, buf, sizeof buf);
+      if (n > 0) owners[i]->on_bytes(buf, static_cast<size_t>(n));
+    }
+  }
+}
+
+}  // namespace sim

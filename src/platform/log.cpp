@@ -1,0 +1,102 @@
+#include "platform/log.h"
+
+#include <syslog.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+namespace brakwell::platform {
+namespace {
+
+std::mutex sinkMutex;
+LineSink sink = nullptr;
+void* sinkContext = nullptr;
+
+// "%@" is the text-object placeholder of the message catalogue; here texts are C strings.
+std::string translate(const char* format) {
+  std::string out;
+  for (const char* p = format; *p; ++p) {
+    if (p[0] == '%' && p[1] == '%') {
+      out += "%%";
+      ++p;
+    } else if (p[0] == '%' && p[1] == '@') {
+      out += "%s";
+      ++p;
+    } else {
+      out += *p;
+    }
+  }
+  return out;
+}
+
+std::string format_text(const char* format, va_list args) {
+  const std::string fmt = translate(format);
+  va_list copy;
+  va_copy(copy, args);
+  char small[512];
+  const int n = std::vsnprintf(small, sizeof small, fmt.c_str(), copy);
+  va_end(copy);
+  if (n < 0) return {};
+  if (static_cast<size_t>(n) < sizeof small) return std::string(small, n);
+  std::string big(static_cast<size_t>(n) + 1, '\0');
+  std::vsnprintf(big.data(), big.size(), fmt.c_str(), args);
+  big.resize(n);
+  return big;
+}
+
+bool mirror_to_stderr() {
+  static const bool mirror = [] {
+    const char* v = std::getenv("BRAKWELL_LOG");
+    return v && std::strcmp(v, "stderr") == 0;
+  }();
+  return mirror;
+}
+
+void deliver(bool toSyslog, const std::string& text) {
+  std::lock_guard lock(sinkMutex);
+  if (sink) sink(toSyslog, text.c_str(), sinkContext);
+}
+
+}  // namespace
+
+void log(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const std::string text = format_text(format, args);
+  va_end(args);
+  syslog(LOG_USER | LOG_NOTICE, "%s", text.c_str());
+  if (mirror_to_stderr()) {
+    std::string line = text;
+    if (line.empty() || line.back() != '\n') line += '\n';
+    std::fwrite(line.data(), 1, line.size(), stderr);
+  }
+  deliver(true, text);
+}
+
+void print(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const std::string text = format_text(format, args);
+  va_end(args);
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
+  deliver(false, text);
+}
+
+void print_line(const char* text) {
+  std::puts(text);
+  std::fflush(stdout);
+  deliver(false, std::string(text) + "\n");
+}
+
+void set_line_sink(LineSink newSink, void* context) {
+  std::lock_guard lock(sinkMutex);
+  sink = newSink;
+  sinkContext = context;
+}
+
+}  // namespace brakwell::platform

@@ -1,0 +1,22 @@
+// The library's two message channels: the system log and standard output.
+#pragma once
+
+namespace brakwell::platform {
+
+// One line to the system log (syslog, LOG_USER | LOG_NOTICE; never openlog). The format is
+// printf's, where "%@" takes a const char* text. Mirrored to standard error when BRAKWELL_LOG
+// was "stderr" at the first line. Safe from any thread.
+void log(const char* format, ...);
+
+// A message to standard output, formatted the same way and written as is (no newline added).
+void print(const char* format, ...);
+
+// A line to standard output followed by a newline, as puts() does.
+void print_line(const char* text);
+
+// Test seam: every log line and standard-output message is also handed to the sink, with
+// toSyslog telling which channel it went to. Pass nullptr to detach.
+using LineSink = void (*)(bool toSyslog, const char* text, void* context);
+void set_line_sink(LineSink sink, void* context);
+
+}  // namespace brakwell::platform

@@ -1,0 +1,30 @@
+// Collects the library's log lines and standard-output messages while it lives.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<std::string> syslog() const;  // system-log lines, in order
+  std::vector<std::string> stdout_lines() const;
+  bool has(const std::string& line) const;  // an exact system-log line
+  size_t count(const std::string& line) const;
+  void clear();
+
+ private:
+  static void sink(bool toSyslog, const char* text, void* self);
+  mutable std::mutex mutex_;
+  std::vector<std::string> syslog_;
+  std::vector<std::string> stdout_;
+};
+
+}  // namespace testing_support

@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -41,10 +43,21 @@ bool Board::wait_lines(size_t n, double timeoutSeconds) const {
 }
 
 void Board::reply(const std::string& text) {
-  const int fd = fd_;
-  if (fd < 0) return;
-  if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-    std::perror("sim: board reply");
+  // All of it, waiting (up to 2 s) while the library's queue is full, as a board would.
+  size_t sent = 0;
+  const double giveUp = now() + 2;
+  while (sent < text.size() && now() < giveUp) {
+    const int fd = fd_;
+    if (fd < 0) return;
+    const ssize_t n = write(fd, text.data() + sent, text.size() - sent);
+    if (n > 0) {
+      sent += static_cast<size_t>(n);
+    } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
+      return;
+    } else {
+      pollfd out{fd, POLLOUT, 0};
+      poll(&out, 1, 10);
+    }
   }
 }
 
@@ -67,6 +80,12 @@ void Board::script_status(std::vector<std::string> replies) {
 void Board::unplug() {
   const int fd = fd_.exchange(-1);
   if (fd >= 0) close(fd);
+  // The kernel hangs the port up a moment after its other end closes; an unplug is complete
+  // once the library's end sees it.
+  if (holdFd_ >= 0) {
+    pollfd hung{holdFd_, POLLIN, 0};
+    for (int i = 0; i < 100 && !(hung.revents & POLLHUP); ++i) poll(&hung, 1, 10);
+  }
   bed_.trace("site" + std::to_string(spec_.site), "unplugged=1");
 }
 
@@ -109,8 +128,7 @@ Boards::~Boards() {
   wake();
   reader_.join();
   for (auto& board : boards_) {
-    const int fd = board->fd_.exchange(-1);
-    if (fd >= 0) close(fd);
+    if (board->holdFd_ >= 0) close(board->holdFd_);
   }
   close(wakePipe_[0]);
   close(wakePipe_[1]);
@@ -127,11 +145,21 @@ Board& Boards::add(const PortSpec& spec) {
     std::fprintf(stderr, "sim: no pseudo-terminal for %s\n", spec.devnode.c_str());
     std::abort();
   }
-  // Our end must not block the reader thread, and is ours to close.
-  const int own = fcntl(fd, F_DUPFD_CLOEXEC, 0);
-  fcntl(own, F_SETFL, fcntl(own, F_GETFL) | O_NONBLOCK);
+  // The testbed's end must not block the reader thread. It stays the testbed's: closing it is
+  // unplugging the board, and the testbed closes it at the end.
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+  // Keep the library's end open too, raw: a pseudo-terminal whose other end nobody holds reports
+  // a hang-up at every poll, and a cooked one would echo the board's replies back to it.
+  const int hold = open(spec.devnode.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  if (hold >= 0) {
+    termios raw{};
+    tcgetattr(hold, &raw);
+    cfmakeraw(&raw);
+    tcsetattr(hold, TCSANOW, &raw);
+  }
   std::lock_guard lock(mutex_);
-  boards_.push_back(std::unique_ptr<Board>(new Board(bed_, spec, own)));
+  boards_.push_back(std::unique_ptr<Board>(new Board(bed_, spec, fd)));
+  boards_.back()->holdFd_ = hold;
   wake();
   return *boards_.back();
 }

@@ -63,6 +63,7 @@ class Board {
   Testbed& bed_;
   PortSpec spec_;
   std::atomic<int> fd_;
+  int holdFd_ = -1;  // the library's end, held open by the sim
   std::atomic<bool> reading_{true};
   mutable std::mutex mutex_;
   mutable std::condition_variable arrived_;

@@ -1,0 +1,24 @@
+// Internal helpers of the fixture board link, shared by the serial port table and the command
+// protocol.
+#pragma once
+
+#include "Brakwell.h"
+
+namespace brakwell::link {
+
+// Every per-UUT table has eight entries; an index outside them is a closed port.
+inline bool valid_uut(int uut) { return uut >= 0 && uut < BRAKWELL_UUT_COUNT; }
+
+// The first UUT index of a well for the board link's calls: only 1 selects the second well.
+inline int first_uut_of_well(int well) { return well == 1 ? 4 : 0; }
+
+// Reads whatever the board sends on the UUT's port for `seconds` into its receive area (never
+// past its last byte, always NUL-terminated). The calling thread sleeps in poll meanwhile and
+// the call lasts the whole time, replies or not.
+void collect_reply(int uut, double seconds);
+
+// Parses a status reply: the binary digits between "=" and the character before "l_sw", low
+// six bits; -1 when there is no such reply.
+int parse_status_reply(const char* text);
+
+}  // namespace brakwell::link

@@ -1,0 +1,186 @@
+// The fixture board command protocol: the one writer of command lines, the receive areas, the
+// status query and the well-wide press and run-LED actions.
+#include <poll.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "Brakwell.h"
+#include "platform/log.h"
+#include "platform/sleep.h"
+#include "station/board_link.h"
+
+using brakwell::platform::log;
+using brakwell::platform::sleep_seconds;
+
+extern "C" {
+char DIORS232Buff[BRAKWELL_UUT_COUNT][BRAKWELL_RX_AREA];
+}
+
+namespace {
+
+constexpr const char kStatusQuery[] = "vel_fixture_status\n";
+constexpr double kReplyWait = 0.3;
+constexpr double kWellStepPause = 0.01;
+
+double now() { return brakwell::platform::monotonic_seconds(); }
+
+int query_status(int uut, const char* name) {
+  // Input that arrived outside a query's wait (a late reply to an earlier one) is stale.
+  if (brakwell::link::valid_uut(uut) && DIO_fileDescriptor[uut] != -1) {
+    tcflush(DIO_fileDescriptor[uut], TCIFLUSH);
+  }
+  if (!DIORS232Write(uut, kStatusQuery, sizeof kStatusQuery - 1)) return -1;
+  brakwell::link::collect_reply(uut, kReplyWait);
+  const int status = brakwell::link::parse_status_reply(DIORS232Buff[uut]);
+  if (status < 0) return -1;
+  log("VELMORA: %s UUT:%d, result:%d", name, uut + 1, status);
+  return status;
+}
+
+struct RunLedAction {
+  const char* command;
+  const char* success;
+  const char* failure;
+};
+constexpr RunLedAction kRunLedOn{"vel_run_led_on\n",
+                                 "VELMORA: Successfully turned ON Run Led for UUT:%d",
+                                 "VELMORA: Failed to turn ON Run Led for UUT:%d"};
+constexpr RunLedAction kRunLedOff{"vel_run_led_off\n",
+                                  "VELMORA: Successfully turned OFF Run Led for UUT:%d",
+                                  "VELMORA: Failed to turn OFF Run Led for UUT:%d"};
+
+// The run LED is lit through the first site of the well whose board takes the command; an
+// unbound site ends the search.
+bool run_led(int well, const RunLedAction& action) {
+  const int first = brakwell::link::first_uut_of_well(well);
+  for (int uut = first; uut < first + 4; ++uut) {
+    if (DIO_UUTSerialDevice[uut][0] == '\0') return false;
+    sleep_seconds(kWellStepPause);
+    if (DIORS232Write(uut, action.command, static_cast<int>(std::strlen(action.command)))) {
+      log(action.success, uut + 1);
+      return true;
+    }
+    log(action.failure, uut + 1);
+  }
+  return false;
+}
+
+struct PressMove {
+  const char* command;
+  const char* success;
+  const char* failure;
+};
+constexpr const char* kMoveSent = "VELMORA: Successfully sent %@ for WELL:%d, UUT:%d";
+constexpr const char* kMoveFailed = "VELMORA: Failed to send %@ for WELL:%d, UUT:%d";
+constexpr PressMove kDown{"vel_pne_down\n",
+                          "VELMORA: fixtureDown, Successfully sent %@ for WELL:%d, UUT:%d",
+                          "VELMORA: fixtureDown, Failed to send %@ for WELL:%d, UUT:%d"};
+constexpr PressMove kUp{"vel_pne_up\n", kMoveSent, kMoveFailed};
+constexpr PressMove kIn{"vel_pne_in\n", kMoveSent, kMoveFailed};
+constexpr PressMove kOut{"vel_pne_out\n", kMoveSent, kMoveFailed};
+
+// A press move goes to every site of the well that has a bound port.
+void press_move(int well, const PressMove& move) {
+  const int first = brakwell::link::first_uut_of_well(well);
+  for (int uut = first; uut < first + 4; ++uut) {
+    if (DIO_UUTSerialDevice[uut][0] == '\0') continue;
+    sleep_seconds(kWellStepPause);
+    const bool sent = DIORS232Write(uut, move.command, static_cast<int>(std::strlen(move.command)));
+    log(sent ? move.success : move.failure, move.command, well + 1, uut + 1);
+  }
+}
+
+}  // namespace
+
+namespace brakwell::link {
+
+void collect_reply(int uut, double seconds) {
+  const double deadline = now() + seconds;
+  char* area = DIORS232Buff[uut];
+  size_t used = strnlen(area, BRAKWELL_RX_AREA - 1);
+  bool listening = true;
+  for (double left = seconds; left > 0; left = deadline - now()) {
+    if (!listening) {
+      sleep_seconds(left);
+      break;
+    }
+    const double whole = std::floor(left);
+    const timespec wait{static_cast<time_t>(whole), static_cast<long>((left - whole) * 1e9)};
+    pollfd port{DIO_fileDescriptor[uut], POLLIN, 0};
+    if (ppoll(&port, 1, &wait, nullptr) <= 0) continue;
+    if (!(port.revents & POLLIN)) {
+      listening = false;  // hung up or in error: nothing more will come
+      continue;
+    }
+    char chunk[512];
+    const ssize_t n = read(port.fd, chunk, sizeof chunk);
+    if (n <= 0) {
+      listening = n < 0 && (errno == EAGAIN || errno == EINTR);
+      continue;
+    }
+    const size_t room = BRAKWELL_RX_AREA - 1 - used;
+    const size_t take = std::min(room, static_cast<size_t>(n));
+    std::memcpy(area + used, chunk, take);
+    used += take;
+    area[used] = '\0';
+  }
+}
+
+int parse_status_reply(const char* text) {
+  const char* equals = std::strchr(text, '=');
+  const char* marker = std::strstr(text, "l_sw");
+  if (!equals || !marker) return -1;
+  // The character just before the marker is a separator and is dropped; a marker before the
+  // "=" or within one character after it leaves no digits at all.
+  const long length = marker - equals - 2;
+  if (length <= 0) return -1;
+  const std::string digits(equals + 1, static_cast<size_t>(length));
+  return static_cast<int>(std::strtol(digits.c_str(), nullptr, 2) & 0x3F);
+}
+
+}  // namespace brakwell::link
+
+extern "C" bool DIORS232Write(int uut, const char* buf, int len) {
+  if (!brakwell::link::valid_uut(uut)) return false;
+  ClearDIORS232Buff(uut);
+  const int fd = DIO_fileDescriptor[uut];
+  if (fd == -1) return false;
+  if (len == 0) return true;
+  const ssize_t k = (buf && len > 0) ? write(fd, buf, static_cast<size_t>(len)) : -1;
+  if (k == len) return true;
+  log("k != nlen");
+  return false;
+}
+
+extern "C" void ClearDIORS232Buff(int uut) {
+  if (brakwell::link::valid_uut(uut)) std::memset(DIORS232Buff[uut], 0, BRAKWELL_RX_AREA);
+}
+
+extern "C" char* getDIORdBuff(int uut) {
+  return brakwell::link::valid_uut(uut) ? DIORS232Buff[uut] : nullptr;
+}
+
+extern "C" int queryFixtureStatusForWell1(int uut) {
+  log("VELMORA: queryFixtureStatusForWell1, query fixture 1 with %@", kStatusQuery);
+  return query_status(uut, "queryFixtureStatusForWell1");
+}
+
+extern "C" int queryFixtureStatusForWell2(int uut) {
+  return query_status(uut, "queryFixtureStatusForWell2");
+}
+
+extern "C" bool turnOnRunLed(int well) { return run_led(well, kRunLedOn); }
+extern "C" bool turnOffRunLed(int well) { return run_led(well, kRunLedOff); }
+
+extern "C" void fixtureDown(int well) { press_move(well, kDown); }
+extern "C" void fixtureUp(int well) { press_move(well, kUp); }
+extern "C" void fixtureIn(int well) { press_move(well, kIn); }
+extern "C" void fixtureOut(int well) { press_move(well, kOut); }

@@ -1,0 +1,618 @@
+#include "usb.h"
+
+// clang-format off
+#include <sys/ioctl.h>
+#include <linux/usbdevice_fs.h>
+// clang-format on
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+
+#include "topology.h"
+
+namespace sim {
+
+namespace {
+
+constexpr uint8_t kStringIndexProduct = 2;
+constexpr uint8_t kStringIndexSerial = 3;
+
+void put16(std::vector<uint8_t>& out, uint16_t v) {
+  out.push_back(static_cast<uint8_t>(v & 0xff));
+  out.push_back(static_cast<uint8_t>(v >> 8));
+}
+
+std::vector<UsbInterfaceSpec> effective_interfaces(const UsbDeviceSpec& spec) {
+  if (!spec.interfaces.empty()) return spec.interfaces;
+  if (spec.deviceClass == 9) return {UsbInterfaceSpec{9, 0, 0, {{0x81, 3, 1}}}};
+  return {UsbInterfaceSpec{}};
+}
+
+// Device descriptor, then the one configuration with its interfaces and endpoints: the layout of
+// the sysfs "descriptors" attribute.
+std::vector<uint8_t> descriptors_of(const UsbDeviceSpec& spec) {
+  std::vector<uint8_t> d = {18, 1};
+  put16(d, 0x0200);
+  d.insert(d.end(), {spec.deviceClass, 0, 0, 64});
+  put16(d, spec.vendor);
+  put16(d, spec.product);
+  put16(d, 0x0100);
+  d.push_back(0);  // iManufacturer
+  d.push_back(spec.productName.empty() ? 0 : kStringIndexProduct);
+  d.push_back(spec.serial.empty() ? 0 : kStringIndexSerial);
+  d.push_back(1);
+  const auto interfaces = effective_interfaces(spec);
+  std::vector<uint8_t> c = {9, 2, 0, 0, static_cast<uint8_t>(interfaces.size()), 1, 0, 0x80, 50};
+  for (size_t i = 0; i < interfaces.size(); ++i) {
+    const auto& in = interfaces[i];
+    c.insert(c.end(), {9, 4, static_cast<uint8_t>(i), 0, static_cast<uint8_t>(in.endpoints.size()),
+                       in.cls, in.subclass, in.protocol, 0});
+    for (const auto& ep : in.endpoints) {
+      c.insert(c.end(), {7, 5, ep.address, ep.attributes});
+      put16(c, ep.maxPacket);
+      c.push_back((ep.attributes & 3) == 3 ? 12 : 0);
+    }
+  }
+  c[2] = static_cast<uint8_t>(c.size() & 0xff);
+  c[3] = static_cast<uint8_t>(c.size() >> 8);
+  d.insert(d.end(), c.begin(), c.end());
+  return d;
+}
+
+std::vector<uint8_t> string_descriptor(const std::string& text) {
+  std::vector<uint8_t> out = {static_cast<uint8_t>(2 + 2 * text.size()), 3};
+  for (unsigned char ch : text) put16(out, ch);
+  return out;
+}
+
+std::string hex(const std::vector<uint8_t>& bytes) {
+  static const char* digits = "0123456789abcdef";
+  std::string out;
+  for (uint8_t b : bytes) {
+    out += digits[b >> 4];
+    out += digits[b & 15];
+  }
+  return out;
+}
+
+std::string three_digits(int n) {
+  char buf[8];
+  std::snprintf(buf, sizeof buf, "%03d", n);
+  return buf;
+}
+
+std::string sys_path_of(const std::string& portPath) {
+  const int bus = usb_bus_of(portPath);
+  std::string path = std::string(kPciRoot) + "/usb" + std::to_string(bus);
+  for (size_t i = 1; i <= portPath.size(); ++i) {
+    if (i == portPath.size() || portPath[i] == '.') path += "/" + portPath.substr(0, i);
+  }
+  return path;
+}
+
+}  // namespace
+
+int usb_bus_of(const std::string& portPath) { return std::atoi(portPath.c_str()); }
+
+std::vector<int> usb_ports_of(const std::string& portPath) {
+  std::vector<int> ports;
+  const size_t dash = portPath.find('-');
+  if (dash == std::string::npos) return ports;
+  for (size_t i = dash + 1; i < portPath.size();) {
+    ports.push_back(std::atoi(portPath.c_str() + i));
+    const size_t dot = portPath.find('.', i);
+    if (dot == std::string::npos) break;
+    i = dot + 1;
+  }
+  return ports;
+}
+
+// --- one device's usbfs emulation ------------------------------------------------------------
+
+struct UsbDevice::Impl {
+  // A submitted URB waiting to be reaped: its data objects are kept until then.
+  struct Urb {
+    UMockdevIoctlClient* client = nullptr;
+    UMockdevIoctlData* urb = nullptr;     // owned reference
+    UMockdevIoctlData* buffer = nullptr;  // owned reference, may be null
+    bool ready = false;
+    int status = 0;
+    std::vector<uint8_t> answer;  // IN data, written after the setup packet for control
+    bool control = false;
+  };
+
+  UsbDevice* owner = nullptr;
+  UMockdevIoctlBase* handler = nullptr;
+  std::string devnode;
+  mutable std::mutex mutex;
+  bool gone = false;
+  bool failStrings = false;
+  std::deque<Urb> urbs;
+  std::vector<UsbSetup> controlLog;
+
+  ~Impl() {
+    for (auto& u : urbs) release(u);
+  }
+  static void release(Urb& u) {
+    if (u.buffer) g_object_unref(u.buffer);
+    if (u.urb) g_object_unref(u.urb);
+    u.buffer = u.urb = nullptr;
+  }
+
+  static gboolean on_ioctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer self) {
+    static_cast<Impl*>(self)->handle(client);
+    return TRUE;
+  }
+  static void on_vanished(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer self) {
+    auto* impl = static_cast<Impl*>(self);
+    std::lock_guard lock(impl->mutex);
+    for (auto it = impl->urbs.begin(); it != impl->urbs.end();) {
+      if (it->client == client) {
+        release(*it);
+        it = impl->urbs.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+
+  void handle(UMockdevIoctlClient* client) {
+    const gulong request = umockdev_ioctl_client_get_request(client);
+    UMockdevIoctlData* arg = umockdev_ioctl_client_get_arg(client);
+    {
+      std::lock_guard lock(mutex);
+      if (gone) {
+        umockdev_ioctl_client_complete(client, -1, ENODEV);
+        return;
+      }
+    }
+    switch (request) {
+      case USBDEVFS_GET_CAPABILITIES: {
+        UMockdevIoctlData* caps = umockdev_ioctl_data_resolve(arg, 0, sizeof(uint32_t), nullptr);
+        const uint32_t value = USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_CONTINUATION |
+                               USBDEVFS_CAP_NO_PACKET_SIZE_LIM;
+        if (caps) {
+          std::memcpy(caps->data, &value, sizeof value);
+          umockdev_ioctl_client_complete(client, 0, 0);
+          g_object_unref(caps);
+        } else {
+          umockdev_ioctl_client_complete(client, -1, EFAULT);
+        }
+        return;
+      }
+      case USBDEVFS_SETCONFIGURATION:
+      case USBDEVFS_CLAIMINTERFACE:
+      case USBDEVFS_RELEASEINTERFACE:
+      case USBDEVFS_SETINTERFACE:
+      case USBDEVFS_CLEAR_HALT:
+      case USBDEVFS_RESETEP:
+      case USBDEVFS_RESET:
+        umockdev_ioctl_client_complete(client, 0, 0);
+        return;
+      case USBDEVFS_GETDRIVER:
+        umockdev_ioctl_client_complete(client, -1, ENODATA);
+        return;
+      case USBDEVFS_SUBMITURB:
+        submit(client, arg);
+        return;
+      case USBDEVFS_REAPURB:
+      case USBDEVFS_REAPURBNDELAY:
+        reap(client, arg);
+        return;
+      case USBDEVFS_DISCARDURB:
+        discard(client, arg);
+        return;
+      default:
+        umockdev_ioctl_client_complete(client, -1, ENOTTY);
+        return;
+    }
+  }
+
+  void submit(UMockdevIoctlClient* client, UMockdevIoctlData* arg) {
+    UMockdevIoctlData* urbData = umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_urb), nullptr);
+    if (!urbData) {
+      umockdev_ioctl_client_complete(client, -1, EFAULT);
+      return;
+    }
+    const auto* urb = reinterpret_cast<const usbdevfs_urb*>(urbData->data);
+    UMockdevIoctlData* buffer = nullptr;
+    if (urb->buffer_length > 0) {
+      buffer = umockdev_ioctl_data_resolve(urbData, offsetof(usbdevfs_urb, buffer),
+                                           static_cast<gsize>(urb->buffer_length), nullptr);
+    }
+    const size_t length = buffer ? static_cast<size_t>(buffer->data_len) : 0;
+    Urb entry{};
+    entry.client = client;
+    entry.urb = urbData;
+    entry.buffer = buffer;
+    if (urb->type == USBDEVFS_URB_TYPE_CONTROL) {
+      entry.control = true;
+      entry.ready = true;
+      if (length < 8) {
+        entry.status = -EINVAL;
+      } else {
+        control(buffer->data, length - 8, entry);
+      }
+    } else if (urb->type == USBDEVFS_URB_TYPE_BULK || urb->type == USBDEVFS_URB_TYPE_INTERRUPT) {
+      bulk(urb->endpoint, buffer ? buffer->data : nullptr, length, entry);
+    } else {
+      release(entry);
+      umockdev_ioctl_client_complete(client, -1, EINVAL);
+      return;
+    }
+    {
+      std::lock_guard lock(mutex);
+      urbs.push_back(entry);
+    }
+    umockdev_ioctl_client_complete(client, 0, 0);
+  }
+
+  void control(const uint8_t* packet, size_t room, Urb& entry) {
+    const UsbSetup setup{packet[0], packet[1], static_cast<uint16_t>(packet[2] | packet[3] << 8),
+                         static_cast<uint16_t>(packet[4] | packet[5] << 8),
+                         static_cast<uint16_t>(packet[6] | packet[7] << 8)};
+    bool failStringsNow;
+    {
+      std::lock_guard lock(mutex);
+      controlLog.push_back(setup);
+      failStringsNow = failStrings;
+    }
+    const size_t want = std::min<size_t>(setup.wLength, room);
+    if (setup.bmRequestType == 0x80 && setup.bRequest == 6) {
+      std::vector<uint8_t> answer;
+      const uint8_t kind = setup.wValue >> 8, index = setup.wValue & 0xff;
+      const UsbDeviceSpec& spec = owner->spec_;
+      if (kind == 1 || kind == 2) {
+        const auto all = descriptors_of(spec);
+        answer = kind == 1 ? std::vector<uint8_t>(all.begin(), all.begin() + 18)
+                           : std::vector<uint8_t>(all.begin() + 18, all.end());
+      } else if (kind == 3 && !failStringsNow) {
+        if (index == 0) answer = {4, 3, 0x09, 0x04};
+        if (index == kStringIndexProduct && !spec.productName.empty()) {
+          answer = string_descriptor(spec.productName);
+        }
+        if (index == kStringIndexSerial && !spec.serial.empty()) {
+          answer = string_descriptor(spec.serial);
+        }
+      }
+      if (answer.empty()) {
+        entry.status = -EPIPE;  // a stall, as a device answers what it does not have
+      } else {
+        answer.resize(std::min(answer.size(), want));
+        entry.answer = std::move(answer);
+      }
+      return;
+    }
+    std::vector<uint8_t> data;
+    const bool in = setup.bmRequestType & 0x80;
+    if (!in) data.assign(packet + 8, packet + 8 + want);
+    if (!owner->on_control) {
+      entry.status = -EPIPE;
+      return;
+    }
+    if (!owner->on_control(setup, data)) {
+      entry.status = -EPROTO;
+      return;
+    }
+    if (in) {
+      data.resize(std::min(data.size(), want));
+      entry.answer = std::move(data);
+    }
+  }
+
+  void bulk(uint8_t endpoint, const uint8_t* bytes, size_t length, Urb& entry) {
+    std::vector<uint8_t> data;
+    const bool in = endpoint & 0x80;
+    if (!in && bytes) data.assign(bytes, bytes + length);
+    if (!owner->on_bulk) {
+      entry.ready = !in;  // an IN transfer nobody answers stays pending
+      return;
+    }
+    entry.ready = true;
+    if (!owner->on_bulk(endpoint, length, data)) {
+      entry.status = -EPROTO;
+    } else if (in) {
+      data.resize(std::min(data.size(), length));
+      entry.answer = std::move(data);
+    }
+  }
+
+  void reap(UMockdevIoctlClient* client, UMockdevIoctlData* arg) {
+    Urb entry{};
+    {
+      std::lock_guard lock(mutex);
+      auto it = urbs.begin();
+      while (it != urbs.end() && !(it->client == client && it->ready)) ++it;
+      if (it == urbs.end()) {
+        umockdev_ioctl_client_complete(client, -1, EAGAIN);
+        return;
+      }
+      entry = *it;
+      urbs.erase(it);
+    }
+    UMockdevIoctlData* slot = umockdev_ioctl_data_resolve(arg, 0, sizeof(void*), nullptr);
+    auto* urb = reinterpret_cast<usbdevfs_urb*>(entry.urb->data);
+    const size_t offset = entry.control ? 8 : 0;
+    if (entry.buffer && !entry.answer.empty()) {
+      const size_t n =
+          std::min(entry.answer.size(), static_cast<size_t>(entry.buffer->data_len) - offset);
+      std::memcpy(entry.buffer->data + offset, entry.answer.data(), n);
+      urb->actual_length = static_cast<int>(n);
+    } else if (entry.status == 0 && !(urb->endpoint & 0x80) && !entry.control) {
+      urb->actual_length = urb->buffer_length;  // OUT: everything was taken
+    } else if (entry.status == 0 && entry.control && !(entry.buffer->data[0] & 0x80)) {
+      urb->actual_length = urb->buffer_length - 8;
+    } else {
+      urb->actual_length = 0;
+    }
+    urb->status = entry.status;
+    if (slot) umockdev_ioctl_data_set_ptr(slot, 0, entry.urb);
+    umockdev_ioctl_client_complete(client, slot ? 0 : -1, slot ? 0 : EFAULT);
+    if (slot) g_object_unref(slot);
+    release(entry);
+  }
+
+  void discard(UMockdevIoctlClient* client, UMockdevIoctlData* arg) {
+    gulong address = 0;
+    std::memcpy(&address, arg->data, std::min<size_t>(sizeof address, arg->data_len));
+    std::lock_guard lock(mutex);
+    for (auto& u : urbs) {
+      if (u.client == client && u.urb->client_addr == address && !u.ready) {
+        u.ready = true;
+        u.status = -ENOENT;  // cancelled
+        umockdev_ioctl_client_complete(client, 0, 0);
+        return;
+      }
+    }
+    umockdev_ioctl_client_complete(client, -1, EINVAL);  // already done: the caller reaps it
+  }
+};
+
+UsbDevice::UsbDevice(UsbBus& bus, UsbDeviceSpec spec, int busnum, int devnum)
+    : bus_(bus), spec_(std::move(spec)), busnum_(busnum), devnum_(devnum), impl_(new Impl) {
+  impl_->owner = this;
+  impl_->devnode = "/dev/bus/usb/" + three_digits(busnum) + "/" + three_digits(devnum);
+}
+
+UsbDevice::~UsbDevice() {
+  if (impl_->handler) {
+    umockdev_testbed_detach_ioctl(bus_.bed_.raw(), impl_->devnode.c_str(), nullptr);
+    g_signal_handlers_disconnect_by_data(impl_->handler, impl_.get());
+    g_object_unref(impl_->handler);
+  }
+}
+
+uint32_t UsbDevice::location_id() const {
+  if (spec_.portPath.rfind("usb", 0) == 0) return static_cast<uint32_t>(busnum_) << 24;
+  uint32_t id = static_cast<uint32_t>(busnum_) << 24;
+  int shift = 20;
+  for (int port : usb_ports_of(spec_.portPath)) {
+    if (shift < 0) break;
+    id |= static_cast<uint32_t>(port & 0xf) << shift;
+    shift -= 4;
+  }
+  return id;
+}
+
+std::string UsbDevice::sys_path() const {
+  if (spec_.portPath.rfind("usb", 0) == 0) return std::string(kPciRoot) + "/" + spec_.portPath;
+  return sys_path_of(spec_.portPath);
+}
+
+std::string UsbDevice::devnode() const { return impl_->devnode; }
+
+void UsbDevice::fail_strings(bool fail) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->failStrings = fail;
+}
+
+bool UsbDevice::gone() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->gone;
+}
+
+void UsbDevice::vanish() { bus_.remove(*this); }
+
+bool UsbDevice::answer_bulk_in(uint8_t endpoint, const std::vector<uint8_t>& data) {
+  std::lock_guard lock(impl_->mutex);
+  for (auto& u : impl_->urbs) {
+    const auto* urb = reinterpret_cast<const usbdevfs_urb*>(u.urb->data);
+    if (!u.ready && urb->endpoint == endpoint) {
+      u.ready = true;
+      u.answer = data;
+      return true;
+    }
+  }
+  return false;
+}
+
+size_t UsbDevice::pending_bulk_in() const {
+  std::lock_guard lock(impl_->mutex);
+  size_t n = 0;
+  for (auto& u : impl_->urbs) n += !u.ready;
+  return n;
+}
+
+std::vector<UsbSetup> UsbDevice::control_log() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->controlLog;
+}
+
+// --- the bus ---------------------------------------------------------------------------------
+
+UsbBus::UsbBus(Testbed& bed) : bed_(bed) {}
+
+UsbBus::~UsbBus() {
+  std::lock_guard lock(mutex_);
+  while (!present_.empty()) drop(*present_.back());
+}
+
+void UsbBus::ensure_root(int busnum, bool announce) {
+  const std::string name = "usb" + std::to_string(busnum);
+  if (find(name)) return;
+  add_locked(UsbDeviceSpec{name, 0x1d6b, 0x0002, "xHCI Host Controller", "", 9, {}}, announce);
+}
+
+UsbDevice* UsbBus::find(const std::string& portPath) {
+  std::lock_guard lock(mutex_);
+  for (auto* d : present_) {
+    if (d->spec_.portPath == portPath) return d;
+  }
+  return nullptr;
+}
+
+UsbDevice& UsbBus::add(const UsbDeviceSpec& spec, bool announce) {
+  std::lock_guard lock(mutex_);
+  const int busnum = usb_bus_of(spec.portPath);
+  if (busnum < 1 || busnum > 127 || usb_ports_of(spec.portPath).empty()) {
+    std::fprintf(stderr, "sim: bad USB port path '%s'\n", spec.portPath.c_str());
+    std::abort();
+  }
+  ensure_root(busnum, announce);
+  for (size_t i = 0; i < spec.portPath.size(); ++i) {
+    if (spec.portPath[i] != '.') continue;
+    const std::string hub = spec.portPath.substr(0, i);
+    if (!find(hub))
+      add_locked(UsbDeviceSpec{hub, 0x05e3, 0x0608, "USB2.0 Hub", "", 9, {}}, announce);
+  }
+  if (find(spec.portPath)) {
+    std::fprintf(stderr, "sim: a USB device is already at %s\n", spec.portPath.c_str());
+    std::abort();
+  }
+  return add_locked(spec, announce);
+}
+
+UsbDevice& UsbBus::add_locked(const UsbDeviceSpec& spec, bool announce) {
+  const bool root = spec.portPath.rfind("usb", 0) == 0;
+  const int busnum = root ? std::atoi(spec.portPath.c_str() + 3) : usb_bus_of(spec.portPath);
+  int devnum = 1;
+  if (!root) {
+    // Kernel-like: numbers go up, wrap after 127, skip those in use.
+    for (int tries = 0; tries < 127; ++tries) {
+      int& next = nextDevnum_[busnum];
+      if (next < 2 || next > 127) next = 2;
+      devnum = next++;
+      bool used = false;
+      for (auto* d : present_) used |= d->busnum_ == busnum && d->devnum_ == devnum;
+      if (!used) break;
+    }
+  }
+  // A number used before by a device that is gone: its handler makes way.
+  for (auto it = all_.begin(); it != all_.end(); ++it) {
+    if ((*it)->busnum_ == busnum && (*it)->devnum_ == devnum) {
+      all_.erase(it);
+      break;
+    }
+  }
+  all_.emplace_back(new UsbDevice(*this, spec, busnum, devnum));
+  UsbDevice& device = *all_.back();
+
+  device.impl_->handler = umockdev_ioctl_base_new();
+  g_signal_connect(device.impl_->handler, "handle-ioctl", G_CALLBACK(UsbDevice::Impl::on_ioctl),
+                   device.impl_.get());
+  g_signal_connect(device.impl_->handler, "client-vanished",
+                   G_CALLBACK(UsbDevice::Impl::on_vanished), device.impl_.get());
+  GError* error = nullptr;
+  if (!umockdev_testbed_attach_ioctl(bed_.raw(), device.devnode().c_str(), device.impl_->handler,
+                                     &error)) {
+    std::fprintf(stderr, "sim: attach_ioctl %s: %s\n", device.devnode().c_str(),
+                 error ? error->message : "?");
+    std::abort();
+  }
+
+  const auto descriptors = descriptors_of(spec);
+  char ids[64];
+  std::snprintf(ids, sizeof ids, "%x/%x/100", spec.vendor, spec.product);
+  std::string record = "P: " + device.sys_path() + "\n";
+  record += "N: " + device.devnode().substr(5) + "\n";
+  auto attr = [&](const std::string& name, const std::string& value) {
+    record += "A: " + name + "=" + value + "\n";
+  };
+  char buf[16];
+  attr("busnum", std::to_string(busnum));
+  attr("devnum", std::to_string(devnum));
+  attr("speed", "480");
+  attr("bConfigurationValue", "1");
+  attr("bNumConfigurations", "1");
+  std::snprintf(buf, sizeof buf, "%02x", spec.deviceClass);
+  attr("bDeviceClass", buf);
+  std::snprintf(buf, sizeof buf, "%04x", spec.vendor);
+  attr("idVendor", buf);
+  std::snprintf(buf, sizeof buf, "%04x", spec.product);
+  attr("idProduct", buf);
+  if (!spec.productName.empty()) attr("product", spec.productName);
+  if (!spec.serial.empty()) attr("serial", spec.serial);
+  if (spec.deviceClass == 9) attr("maxchild", "4");
+  record += "H: descriptors=" + hex(descriptors) + "\n";
+  record += "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\n";
+  record += "E: BUSNUM=" + three_digits(busnum) + "\nE: DEVNUM=" + three_digits(devnum) + "\n";
+  record += "E: DEVNAME=" + device.devnode() + "\n";
+  record += std::string("E: PRODUCT=") + ids + "\n";
+  bed_.add_from_string(record);
+  present_.push_back(&device);
+  if (announce) bed_.uevent("/sys" + device.sys_path(), "add");
+  bed_.trace("usb", spec.portPath + "=add");
+  return device;
+}
+
+void UsbBus::drop(UsbDevice& device) {
+  {
+    std::lock_guard lock(device.impl_->mutex);
+    if (device.impl_->gone) return;
+    device.impl_->gone = true;
+  }
+  // Devices behind a hub go with it, the deepest first.
+  const std::string prefix = device.spec_.portPath.rfind("usb", 0) == 0
+                                 ? std::to_string(device.busnum_) + "-"
+                                 : device.spec_.portPath + ".";
+  std::vector<UsbDevice*> behind;
+  for (auto* d : present_) {
+    if (d->spec_.portPath.rfind(prefix, 0) == 0) behind.push_back(d);
+  }
+  for (size_t i = behind.size(); i-- > 0;) drop(*behind[i]);
+  bed_.uevent("/sys" + device.sys_path(), "remove");
+  bed_.remove_device("/sys" + device.sys_path());
+  std::erase(present_, &device);
+  bed_.trace("usb", device.spec_.portPath + "=remove");
+}
+
+void UsbBus::remove(UsbDevice& device) {
+  std::lock_guard lock(mutex_);
+  drop(device);
+}
+
+UsbDevice& UsbBus::add_board(int site) {
+  UsbDeviceSpec spec{site_port_path(site, kBoardPort),
+                     0x1fc9,
+                     0xdf01,
+                     board_name(site),
+                     board_serial(site),
+                     0,
+                     {}};
+  spec.interfaces = {UsbInterfaceSpec{2, 2, 1, {{0x83, 3, 16}}},
+                     UsbInterfaceSpec{0x0a, 0, 0, {{0x81, 2}, {0x02, 2}}}};
+  return add(spec);
+}
+
+UsbDevice& UsbBus::add_uart(int site, std::string name) {
+  if (name.empty()) name = "USB UART" + std::to_string(site);
+  UsbDeviceSpec spec{site_port_path(site, kUartPort), 0x0403, 0x6001, name, "", 0, {}};
+  spec.interfaces = {UsbInterfaceSpec{0xff, 0xff, 0xff, {{0x81, 2}, {0x02, 2}}}};
+  return add(spec);
+}
+
+UsbDevice& UsbBus::add_unit(int site, const std::string& name, uint16_t vendor, uint16_t product) {
+  UsbDeviceSpec spec{site_port_path(site, kUnitPort), vendor, product, name, "", 0, {}};
+  return add(spec);
+}
+
+std::vector<UsbDevice*> UsbBus::devices() {
+  std::lock_guard lock(mutex_);
+  return present_;
+}
+
+}  // namespace sim

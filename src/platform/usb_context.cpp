@@ -1,0 +1,247 @@
+#include "platform/usb_context.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace brakwell::platform::usb {
+
+namespace {
+
+struct Watch {
+  int id;
+  HotplugHandler handler;
+  libusb_hotplug_callback_handle handle = 0;
+};
+
+struct Event {
+  Watch watch;
+  libusb_device* device;  // referenced while queued
+  bool arrived;
+};
+
+// Function-local, made at first use: it is destroyed before the namespace-scope state of the
+// units that use it, so the event thread is gone before their tables are.
+struct State {
+  std::mutex mutex;  // context, watches and thread
+  libusb_context* ctx = nullptr;
+  std::vector<Watch*> watches;
+  int nextWatch = 1;
+  std::thread thread;
+  bool running = false;  // written under mutex, read by the event thread through stop
+  std::mutex queueMutex;
+  std::deque<Event> queue;
+  std::atomic<std::thread::id> threadId{};
+  std::atomic<bool> stop{false};
+
+  ~State();
+};
+
+State& state() {
+  static State s;
+  return s;
+}
+
+// Inside libusb's event handling: only queue the work, never do USB I/O here.
+int LIBUSB_CALL hotplug_callback(libusb_context* ctx, libusb_device* device,
+                                 libusb_hotplug_event event, void* user) {
+  State& s = state();
+  {
+    std::lock_guard lock(s.queueMutex);
+    s.queue.push_back(Event{*static_cast<Watch*>(user), libusb_ref_device(device),
+                            event == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED});
+  }
+  if (std::this_thread::get_id() != s.threadId.load()) libusb_interrupt_event_handler(ctx);
+  return 0;
+}
+
+void drain_queue(State& s) {
+  for (;;) {
+    Event event;
+    {
+      std::lock_guard lock(s.queueMutex);
+      if (s.queue.empty()) return;
+      event = s.queue.front();
+      s.queue.pop_front();
+    }
+    if (!s.stop) event.watch.handler(event.watch.id, event.device, event.arrived);
+    libusb_unref_device(event.device);
+  }
+}
+
+void event_thread(libusb_context* ctx) {
+  State& s = state();
+  while (!s.stop) {
+    timeval wait{1, 0};
+    libusb_handle_events_timeout_completed(ctx, &wait, nullptr);
+    drain_queue(s);
+  }
+}
+
+void stop_all(State& s) {
+  if (std::this_thread::get_id() == s.threadId.load())
+    return;  // a handler cannot end its own thread
+  std::thread thread;
+  libusb_context* ctx;
+  {
+    std::lock_guard lock(s.mutex);
+    ctx = s.ctx;
+    if (s.running) {
+      s.stop = true;
+      s.running = false;
+      thread = std::move(s.thread);
+    }
+  }
+  if (thread.joinable()) {
+    libusb_interrupt_event_handler(ctx);
+    thread.join();
+  }
+  std::lock_guard lock(s.mutex);
+  s.threadId = std::thread::id();
+  for (Watch* watch : s.watches) {
+    libusb_hotplug_deregister_callback(s.ctx, watch->handle);
+    delete watch;
+  }
+  s.watches.clear();
+  {
+    std::lock_guard queueLock(s.queueMutex);
+    for (auto& event : s.queue) libusb_unref_device(event.device);
+    s.queue.clear();
+  }
+  if (s.ctx) libusb_exit(s.ctx);
+  s.ctx = nullptr;
+}
+
+State::~State() { stop_all(*this); }
+
+}  // namespace
+
+libusb_context* context() {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  if (!s.ctx && libusb_init(&s.ctx) != LIBUSB_SUCCESS) s.ctx = nullptr;
+  return s.ctx;
+}
+
+std::optional<uint32_t> location_id(uint8_t bus, const uint8_t* ports, int count) {
+  if (count < 0 || count > 6) return std::nullopt;
+  uint32_t id = static_cast<uint32_t>(bus) << 24;
+  for (int i = 0; i < count; ++i) {
+    if (ports[i] > 15) return std::nullopt;
+    id |= static_cast<uint32_t>(ports[i]) << (20 - 4 * i);
+  }
+  return id;
+}
+
+std::optional<uint32_t> location_id(libusb_device* device, int* error) {
+  uint8_t ports[8];
+  const int n = libusb_get_port_numbers(device, ports, sizeof ports);
+  if (n < 0) {
+    if (error) *error = n;
+    return std::nullopt;
+  }
+  auto id = location_id(libusb_get_bus_number(device), ports, n);
+  if (!id && error) *error = LIBUSB_ERROR_OVERFLOW;
+  return id;
+}
+
+std::string product_string(libusb_device* device) {
+  libusb_device_descriptor descriptor{};
+  if (libusb_get_device_descriptor(device, &descriptor) != LIBUSB_SUCCESS ||
+      descriptor.iProduct == 0) {
+    return "";
+  }
+  libusb_device_handle* handle = nullptr;
+  if (libusb_open(device, &handle) != LIBUSB_SUCCESS) return "";
+  unsigned char buffer[256];
+  std::string text;
+  int n = libusb_get_string_descriptor(handle, 0, 0, buffer, sizeof buffer);
+  if (n >= 4 && buffer[1] == LIBUSB_DT_STRING) {
+    const uint16_t language = static_cast<uint16_t>(buffer[2] | buffer[3] << 8);
+    n = libusb_get_string_descriptor(handle, descriptor.iProduct, language, buffer, sizeof buffer);
+    if (n >= 2 && buffer[1] == LIBUSB_DT_STRING) {
+      n = std::min(n, static_cast<int>(buffer[0]));
+      for (int i = 2; i + 1 < n; i += 2) {
+        const unsigned unit = buffer[i] | buffer[i + 1] << 8;
+        if (unit < 0x80) {
+          text += static_cast<char>(unit);
+        } else if (unit < 0x800) {
+          text += static_cast<char>(0xc0 | unit >> 6);
+          text += static_cast<char>(0x80 | (unit & 0x3f));
+        } else {
+          text += static_cast<char>(0xe0 | unit >> 12);
+          text += static_cast<char>(0x80 | ((unit >> 6) & 0x3f));
+          text += static_cast<char>(0x80 | (unit & 0x3f));
+        }
+      }
+    }
+  }
+  libusb_close(handle);
+  return text;
+}
+
+int watch_devices(uint16_t vendor, uint16_t product, HotplugHandler handler) {
+  libusb_context* ctx = context();
+  if (!ctx) return LIBUSB_ERROR_OTHER;
+  if (!libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG)) return LIBUSB_ERROR_NOT_SUPPORTED;
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  auto* watch = new Watch{s.nextWatch, handler};
+  // No LIBUSB_HOTPLUG_ENUMERATE: the caller handles the devices already attached itself.
+  const int rc = libusb_hotplug_register_callback(
+      ctx, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT,
+      LIBUSB_HOTPLUG_NO_FLAGS, vendor, product, LIBUSB_HOTPLUG_MATCH_ANY, hotplug_callback, watch,
+      &watch->handle);
+  if (rc != LIBUSB_SUCCESS) {
+    delete watch;
+    return rc;
+  }
+  ++s.nextWatch;
+  s.watches.push_back(watch);
+  if (!s.running) {
+    s.stop = false;
+    s.running = true;
+    s.thread = std::thread([ctx] {
+      state().threadId = std::this_thread::get_id();
+      event_thread(ctx);
+    });
+  }
+  return watch->id;
+}
+
+bool on_event_thread() { return std::this_thread::get_id() == state().threadId.load(); }
+
+void shutdown() { stop_all(state()); }
+
+bool write_usb_report(const std::string& path) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, fd, STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, fd, STDERR_FILENO);
+  char program[] = "lsusb";
+  char verbose[] = "-v";
+  char* argv[] = {program, verbose, nullptr};
+  pid_t pid = 0;
+  const int rc = posix_spawnp(&pid, program, &actions, nullptr, argv, environ);
+  posix_spawn_file_actions_destroy(&actions);
+  close(fd);
+  if (rc != 0) return false;
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return true;
+}
+
+}  // namespace brakwell::platform::usb

@@ -1,0 +1,50 @@
+// The library's one libusb context, the location-ID rule, the product-string read, the hotplug
+// event thread and the operator's USB report.
+#pragma once
+
+#include <libusb.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace brakwell::platform::usb {
+
+// The process's libusb context, made on first use (safe from any thread); nullptr when libusb
+// cannot start. It lives until the library is unloaded or the process exits; do not touch it
+// from static destructors.
+libusb_context* context();
+
+// Bus number in bits 24-31, then one hexadecimal digit per tier from bits 20-23 down, zero
+// filled (bus 1, ports 2.3 -> 0x1230000). Nothing when a port is above 15 or the path is deeper
+// than six tiers: such a device has no location.
+std::optional<uint32_t> location_id(uint8_t bus, const uint8_t* ports, int count);
+// The same for a device. `error` (optional) gets the libusb code of the failure:
+// libusb_get_port_numbers' own, or LIBUSB_ERROR_OVERFLOW for a path that does not fit.
+std::optional<uint32_t> location_id(libusb_device* device, int* error = nullptr);
+
+// The registry name of a device: its iProduct string read with the first supported language;
+// the empty text when it has none or it cannot be read. Opens and closes the device.
+std::string product_string(libusb_device* device);
+
+// Hotplug. `handler` runs on the library's event thread for every arrival or removal of a device
+// with these ids, outside libusb's event handling (so it may open the device and make
+// synchronous transfers), with a reference to the device held for the call. The thread starts
+// with the first watch. Returns a watch id (> 0) or a libusb error code (< 0).
+using HotplugHandler = void (*)(int watch, libusb_device* device, bool arrived);
+int watch_devices(uint16_t vendor, uint16_t product, HotplugHandler handler);
+// True when the caller is the event thread.
+bool on_event_thread();
+
+// Stops the event thread, drops every watch and ends the context; the next context() makes a
+// new one. Runs by itself when the library is unloaded or the process exits. Tests use it
+// between umockdev testbeds, since a context only hears the testbed that was current when it
+// was made.
+void shutdown();
+
+// Runs `lsusb -v` (no shell) with its standard output written to `path`, which must not exist
+// yet (created O_CREAT|O_EXCL|O_NOFOLLOW, mode 0644), and waits for it. False when the file
+// cannot be created or the program cannot be run.
+bool write_usb_report(const std::string& path);
+
+}  // namespace brakwell::platform::usb

@@ -1,0 +1,314 @@
+// fixturectl demo: one narrated station cycle that drives every family of calls.
+#include <chrono>
+#include <cstdarg>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "cli.h"
+
+namespace fixturectl {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Site {
+  int number = 0;  // 1-8
+  bool port = false;
+  std::string location = "-";  // where its unit appears
+  std::string unit = "-";      // the unit's name as last seen
+  std::string led = "-";
+};
+
+class Demo {
+ public:
+  explicit Demo(Context& ctx) : ctx_(ctx), start_(Clock::now()) {}
+  int run();
+
+ private:
+  void say(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  void step(const char* title) { say("== %s", title); }
+  FixtureController* h(int well) { return ctx_.controllers[well]; }
+  std::vector<int> sites_of(int well) const;
+  // Units on USB by location, once the library's event thread has taken `expected` of them.
+  std::map<std::string, std::string> units(size_t expected);
+  void show_units(const char* when, size_t expected);
+
+  void start();
+  void init_wells();
+  void press();
+  void power_up();
+  void boot_modes();
+  void dio_modules();
+  void results();
+  void finish();
+  void summary();
+
+  Context& ctx_;
+  Clock::time_point start_;
+  std::vector<int> wells_;
+  Site sites_[9];
+  std::vector<std::string> unitLocations_;  // by site - 1, from the UART bridges
+};
+
+void Demo::say(const char* format, ...) {
+  char text[512];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  const double t = std::chrono::duration<double>(Clock::now() - start_).count();
+  char line[600];
+  std::snprintf(line, sizeof line, "[%5.1f s] %s", t, text);
+  ctx_.out.say(line);
+}
+
+std::vector<int> Demo::sites_of(int well) const {
+  std::vector<int> out;
+  for (int s = well * 4 + 1; s <= well * 4 + 4; ++s) {
+    if (sites_[s].port) out.push_back(s);
+  }
+  return out;
+}
+
+std::map<std::string, std::string> Demo::units(size_t expected) {
+  std::map<std::string, std::string> out;
+  const auto deadline = Clock::now() + std::chrono::seconds(3);
+  do {
+    out.clear();
+    for (const AppleDevRecord* d : g_pListAppleDev) {
+      if (d) out[hex(d->locationID)] = d->deviceName ? d->deviceName : "";
+    }
+    if (out.size() == expected) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  } while (Clock::now() < deadline);
+  return out;
+}
+
+void Demo::show_units(const char* when, size_t expected) {
+  const auto present = units(expected);
+  say("%s: %zu unit(s) on USB", when, present.size());
+  for (int s = 1; s <= 8; ++s) {
+    if (!sites_[s].port) continue;
+    const auto it = present.find(sites_[s].location);
+    sites_[s].unit = it == present.end() ? "-" : it->second;
+    if (it != present.end()) {
+      say("  site %d: \"%s\" at %s", s, it->second.c_str(), it->first.c_str());
+    }
+  }
+}
+
+void Demo::start() {
+  step("start the station");
+  ctx_.controller(0);
+  if (SOC_GetWellNumber() == 2) ctx_.controller(1);
+  for (int u = 0; u < BRAKWELL_UUT_COUNT; ++u) {
+    sites_[u + 1].number = u + 1;
+    sites_[u + 1].port = DIO_fileDescriptor[u] >= 0;
+  }
+  if (SOC_GetWellNumber() == 2) {
+    wells_ = {0, 1};
+  } else {
+    wells_ = {sites_of(0).empty() ? 1 : 0};
+    if (wells_[0] == 1) ctx_.controller(1);
+  }
+  char library[32] = {};
+  SOC_LibVersion(library, sizeof library);
+  FixtureController* first = h(wells_[0]);
+  say("%s fixture, library \"%s\", interface %s, serial number %s", get_vendor(), library,
+      get_version(first), get_serial_number(first));
+  say("%u well(s), %u slots, %d press actuator(s); site ports:", SOC_GetWellNumber(),
+      SOC_GetSlotNumber(), get_actuator_count(first));
+  for (int u = 0; u < BRAKWELL_UUT_COUNT; ++u) {
+    if (sites_[u + 1].port) say("  site %d: %s", u + 1, DIO_UUTSerialDevice[u]);
+  }
+}
+
+void Demo::init_wells() {
+  step("init: every well to rest (LEDs off, plate up, tray out)");
+  for (int w : wells_) {
+    if (init(h(w)) != 0) fail(kFailed, "init of well " + std::to_string(w + 1) + " failed");
+    say("well %d at rest: plate %s, tray %s", w + 1, is_fixture_disengaged(h(w)) ? "up" : "?",
+        is_fixture_open(h(w)) ? "out" : "?");
+  }
+}
+
+void Demo::press() {
+  step("the operator's two-hand press");
+  for (int w : wells_) {
+    say("well %d: waiting for the operator to hold both buttons...", w + 1);
+    bool done = false;
+    with_progress("  well " + std::to_string(w + 1) + ": press cycle",
+                  [&] { done = PneumaticValveOn(w, 30.0f); });
+    if (!done) {
+      fail(kTimedOut, "well " + std::to_string(w + 1) + ": the operator did not press in 30 s",
+           "  run the demo inside the virtual fixture with an operator:\n"
+           "    fixturesim --operator auto -- fixturectl demo");
+    }
+    say("well %d: tray in, plate down, hands off; engaged=%s closed=%s", w + 1,
+        is_fixture_engaged(h(w)) ? "yes" : "no", is_fixture_closed(h(w)) ? "yes" : "no");
+    set_led_state_all(h(w), 3);
+    say("well %d: run LED on (test in progress)", w + 1);
+  }
+}
+
+void Demo::power_up() {
+  step("power up every site");
+  for (long product : kUnitProducts) usbDeviceConnStatus(kAppleVendor, product);
+  size_t powered = 0;
+  for (int w : wells_) {
+    for (int s : sites_of(w)) {
+      if (set_dut_power(h(w), 0, s - w * 4) == 0) ++powered;
+    }
+  }
+  say("%zu site(s) powered through the Hi5 recovery request", powered);
+  step("units appearing at their USB locations");
+  const std::string text = getUSBLocationForUART(0x0403, 0x6001);
+  std::string field;
+  int s = 1;
+  for (char c : text + ",") {
+    if (c != ',') {
+      field += c;
+      continue;
+    }
+    if (s <= 8 && !field.empty()) sites_[s].location = field;
+    field.clear();
+    ++s;
+  }
+  say("unit locations from the UART bridges: %s", text.c_str());
+  show_units("after power-up", powered);
+}
+
+void Demo::boot_modes() {
+  const int w = wells_[0];
+  const auto sites = sites_of(w);
+  if (sites.size() < 2) return;
+  step("boot modes");
+  const int dfu = sites[0], diags = sites[1];
+  say("site %d: force DFU", dfu);
+  set_force_dfu(h(w), 0, dfu - w * 4);
+  say("site %d: force diagnostics", diags);
+  set_force_diags(h(w), 0, diags - w * 4);
+  if (wells_.size() > 1 && sites_of(1).size() > 1) {
+    const int iboot = sites_of(1)[1];
+    say("site %d: force iBoot", iboot);
+    set_force_iboot(h(1), 0, iboot - 4);
+  }
+  size_t expected = 0;
+  for (int x : wells_) expected += sites_of(x).size();
+  show_units("after the boot-mode sequences", expected);
+  const std::string mcu = getUSBLocationForMCU(kAppleVendor, kDfuProduct);
+  say("the unit in DFU mode is at %s (site %d's location is %s)", mcu.empty() ? "-" : mcu.c_str(),
+      dfu, sites_[dfu].location.c_str());
+  SOC_SendCtrlAltZ();
+  say("key chord Control+Alt+Z posted (the Run key of well 1)");
+}
+
+void Demo::dio_modules() {
+  step("DIO modules");
+  for (int m = 0; m < 2; ++m) {
+    if (!USBDeviceAlive(m)) {
+      say("module %d (0471:df0%d): not on the bus", m, m + 1);
+      continue;
+    }
+    openUSB(m);
+    if (!dioOpen(m)) {
+      say("module %d: did not answer", m);
+      continue;
+    }
+    uint32_t id = 0, sensors = 0, value = 0;
+    const bool idOk = SOC_BoardID(m, &id);
+    const bool sensorsOk = dioReadSensor(m, &sensors);
+    dioWrite(m, 1, "0x5A");
+    dioRead(m, 1, &value);
+    say("module %d: board id %s, well sensors %s, register 1 written 0x5a and read %s", m,
+        idOk ? std::to_string(id).c_str() : "unknown",
+        sensorsOk ? hex(sensors).c_str() : "unsettled", hex(value).c_str());
+    dioClose(m);
+    closeUSB(m);
+  }
+}
+
+void Demo::results() {
+  step("results");
+  // The host interface's signal switches and getters answer without touching the fixture.
+  for (int w : wells_) {
+    for (int s : sites_of(w)) {
+      const int in = s - w * 4;
+      set_usb_signal(h(w), 1, in);
+      set_uart_signal(h(w), 1, in);
+      is_board_detected(h(w), in);
+      dut_power(h(w), in);
+    }
+  }
+  int n = 0;
+  for (int w : wells_) {
+    for (int s : sites_of(w)) {
+      // One unit in three fails, so both LEDs show.
+      const bool pass = n++ % 3 != 2;
+      set_led_state(h(w), pass ? 1 : 2, s - w * 4);
+      sites_[s].led = pass ? "pass" : "fail";
+      say("site %d: %s LED", s, pass ? "pass" : "fail");
+    }
+    set_led_state_all(h(w), 0);
+    say("well %d: run LED off", w + 1);
+  }
+}
+
+void Demo::finish() {
+  step("release and stop");
+  for (int w : wells_) {
+    SOC_PowerOff(w);
+    say("well %d: units powered off (board reset line)", w + 1);
+  }
+  show_units("after power-off", 0);
+  for (int w : wells_) {
+    fixture_disengage(h(w));
+    fixture_open(h(w));
+    say("well %d: plate up, tray out", w + 1);
+  }
+  SOC_Done();
+  say("station stopped: Hi5 off on every site, ports closed");
+}
+
+void Demo::summary() {
+  Json table = Json::array();
+  for (int s = 1; s <= 8; ++s) {
+    if (!sites_[s].port) continue;
+    Json row = Json::object();
+    row["site"] = s;
+    row["well"] = s > 4 ? 2 : 1;
+    row["port"] = DIO_UUTSerialDevice[s - 1];
+    row["unit_location"] = sites_[s].location;
+    row["unit_after_boot"] = sites_[s].unit;
+    row["led"] = sites_[s].led;
+    table.push(std::move(row));
+  }
+  ctx_.out.say("");
+  ctx_.out.result()["sites"] = std::move(table);
+  ctx_.out.result()["seconds"] = std::chrono::duration<double>(Clock::now() - start_).count();
+}
+
+int Demo::run() {
+  ctx_.out.say("Brakwell demo: one station cycle on the fixture");
+  start();
+  init_wells();
+  press();
+  power_up();
+  boot_modes();
+  dio_modules();
+  results();
+  finish();
+  summary();
+  return kOk;
+}
+
+}  // namespace
+
+int run_demo(Context& ctx, const std::vector<std::string>& args) {
+  if (!args.empty()) usage_error("demo takes no arguments");
+  return Demo(ctx).run();
+}
+
+}  // namespace fixturectl

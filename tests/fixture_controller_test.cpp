@@ -1,0 +1,242 @@
+// The controller handle, its identity and geometry, the no-operation signal calls and what every
+// call answers for a null handle.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "Brakwell.h"
+#include "boards.h"
+#include "fixture/Brakwell.h"
+#include "support/log_capture.h"
+
+namespace {
+
+using testing_support::LogCapture;
+
+class Controller : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    bed = new sim::Testbed;
+    boards = new sim::Boards(*bed);
+    boards->add_sites(1, 8);
+  }
+  static void TearDownTestSuite() {
+    delete boards;
+    delete bed;
+  }
+  void SetUp() override {
+    for (sim::Board* board : boards->all()) board->clear();
+  }
+  void TearDown() override {
+    for (uint16_t word :
+         {action_usb_signal, action_usb_power, action_uart_signal, action_battery_power,
+          action_force_dfu, action_apple_id, action_conn_det_grounded, action_hi5_bs_grounded,
+          action_conn_acc_apple_id}) {
+      EXPECT_EQ(word, 0);
+    }
+    // Nothing here touches a board.
+    for (sim::Board* board : boards->all()) EXPECT_EQ(board->received(), "") << board->site();
+  }
+
+  static inline sim::Testbed* bed;
+  static inline sim::Boards* boards;
+  LogCapture log;
+};
+
+TEST_F(Controller, CreateRecordsTheStationAndRelease) {
+  dioOn1 = dioOn2 = true;  // the station start clears both before they are read
+  FixtureController* h = create_fixture_controller(7);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(log.syslog().front(), "VELMORA: create_fixture_controller, index is 7");
+  EXPECT_EQ(h->index, 7);
+  EXPECT_EQ(h->wellCount, static_cast<int32_t>(g_WellNumber));
+  EXPECT_EQ(h->boardCode, 4);
+  if (g_WellNumber == 1 || g_WellNumber == 2) {
+    EXPECT_EQ(h->siteCount, 4 * int(g_WellNumber));
+  }
+  log.clear();
+  EXPECT_EQ(get_actuator_count(h), static_cast<int>(g_WellNumber));
+  EXPECT_EQ(get_site_count(h), h->siteCount);
+  release_fixture_controller(h);
+  EXPECT_EQ(log.syslog(),
+            (std::vector<std::string>{"VELMORA: get_actuator_count for controller INDEX:7",
+                                      "VELMORA: get_site_count for controller INDEX:7",
+                                      "VELMORA: release_fixture_controller INDEX:7"}));
+}
+
+TEST_F(Controller, IdentityTexts) {
+  FixtureController h{0, 8, 2, 4};
+  EXPECT_STREQ(get_vendor(), "Velmora Technologies");
+  EXPECT_STREQ(get_version(&h), "0.9");
+  EXPECT_STREQ(get_version(nullptr), "UNKNOWN");
+  EXPECT_EQ(log.syslog(),
+            (std::vector<std::string>{"VELMORA: get_vendor, returning Velmora Technologies",
+                                      "VELMORA: get_version, returning 0.9",
+                                      "VELMORA: get_version, returning UNKNOWN"}));
+  log.clear();
+  for (auto [status, text] :
+       {std::pair{0, "SUCCESS"}, {-1, "FAILURE"}, {1, "UNKNOWN"}, {-2, "UNKNOWN"}}) {
+    EXPECT_STREQ(get_error_message(status), text) << status;
+  }
+  EXPECT_TRUE(log.syslog().empty());
+}
+
+TEST_F(Controller, SerialNumberFileBesideTheExecutable) {
+  const std::filesystem::path dir = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+  const std::string file = (dir / "FixtureSerialNumber.txt").string();
+  FixtureController h{1, 8, 2, 4};
+  struct {
+    const char* content;  // nullptr: no file
+    const char* expected;
+  } const cases[] = {
+      {"  \tVEL-FX-0042 \r\n", "VEL-FX-0042"},
+      {"SN 12\n\n", "SN 12"},
+      {" \n\t ", ""},  // blanks only: an empty serial number, not an invalid file
+      {"", "UNKNOWN"},
+      {"VEL\xC3\xA9", "UNKNOWN"},  // not ASCII
+      {nullptr, "UNKNOWN"},
+  };
+  for (const auto& c : cases) {
+    std::remove(file.c_str());
+    if (c.content) std::ofstream(file, std::ios::binary) << c.content;
+    log.clear();
+    EXPECT_STREQ(get_serial_number(&h), c.expected) << c.expected;
+    std::vector<std::string> want = {"VELMORA: get_serial_number INDEX:1",
+                                     "get_serial_number, serialNumberFileName is " + file};
+    if (std::string(c.expected) == "UNKNOWN") want.push_back("Invalid Fixture Serial Number File");
+    EXPECT_EQ(log.syslog(), want);
+  }
+  std::remove(file.c_str());
+}
+
+TEST_F(Controller, SiteArithmetic) {
+  struct {
+    int index, site;
+    const char* uartPath;
+    int uut, actuator;
+  } const rows[] = {
+      {0, 1, "/dev/cu.usbserial-RT000001", 1, 0},     {1, 1, "/dev/cu.usbserial-RT000005", 5, 1},
+      {7, 1, "/dev/cu.usbserial-RT000001", 1, 0},     {1, 2, "/dev/cu.usbserial-RT000006", 6, 1},
+      {0, 4, "/dev/cu.usbserial-RT000004", 4, 0},     {0, 5, "/dev/cu.usbserial-RT000005", 5, 1},
+      {7, 8, "/dev/cu.usbserial-RT000008", 8, 1},     {1, 5, "/dev/cu.usbserial-RT000009", 9, -1},
+      {0, 12, "/dev/cu.usbserial-RT0000012", 12, -1},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.uartPath);
+    FixtureController h{r.index, 8, 2, 4};
+    log.clear();
+    EXPECT_STREQ(get_uart_path(&h, r.site), r.uartPath);
+    EXPECT_EQ(actuator_for_site(&h, r.site), r.actuator);
+    const std::string uut = "VELMORA: actuator_for_site for UUT:" + std::to_string(r.uut);
+    EXPECT_EQ(log.syslog(),
+              (std::vector<std::string>{uut, uut + ", returning " + std::to_string(r.actuator)}));
+  }
+  FixtureController h{0, 8, 2, 4};
+  for (int site : {0, -3}) {
+    EXPECT_STREQ(get_uart_path(&h, site), "error");
+    EXPECT_STREQ(get_usb_location(&h, site), "error");
+    EXPECT_EQ(actuator_for_site(&h, site), -1);
+  }
+}
+
+TEST_F(Controller, UsbLocationTable) {
+  FixtureController second{1, 8, 2, 4};
+  USBLocation[5] = "0x1220000";
+  log.clear();
+  EXPECT_STREQ(get_usb_location(&second, 2), "0x1220000");
+  EXPECT_EQ(get_usb_location(&second, 3), nullptr);  // an unfilled slot
+  // A site beyond the table is refused rather than read past its end.
+  EXPECT_STREQ(get_usb_location(&second, 5), "error");
+  EXPECT_EQ(log.syslog(),
+            (std::vector<std::string>{"VELMORA: get_usb_location for UUT:5 is 0x1220000",
+                                      "VELMORA: get_usb_location for UUT:6 is (null)"}));
+  USBLocation[5] = nullptr;
+}
+
+TEST_F(Controller, SignalCallsLogAndSucceed) {
+  using SetCall = int (*)(FixtureController*, int, int);
+  using GetCall = int (*)(FixtureController*, int);
+  const std::pair<SetCall, const char*> setters[] = {
+      {set_conn_acc_apple_id, "set_conn_acc_apple_id"},
+      {set_usb_signal, "set_usb_signal"},
+      {set_uart_signal, "set_uart_signal"},
+      {set_apple_id, "set_apple_id"},
+      {set_conn_det_grounded, "set_conn_det_grounded"},
+      {set_hi5_bs_grounded, "set_hi5_bs_grounded"},
+  };
+  const std::pair<GetCall, const char*> getters[] = {
+      {usb_power, "usb_power"},
+      {battery_power, "battery_power"},
+      {force_dfu, "force_dfu"},
+      {usb_signal, "usb_signal"},
+      {uart_signal, "uart_signal"},
+      {apple_id, "apple_id"},
+      {conn_det_grounded, "conn_det_grounded"},
+      {hi5_bs_grounded, "hi5_bs_grounded"},
+      {dut_power, "dut_power"},
+  };
+  FixtureController first{0, 8, 2, 4};
+  FixtureController second{1, 8, 2, 4};
+  std::vector<std::string> want;
+  const auto expect_for = [&](const char* name) {
+    want.push_back(std::string("VELMORA: ") + name + " for UUT:6");
+    want.push_back(std::string("VELMORA: ") + name + " for UUT:0");
+  };
+  for (auto [call, name] : setters) {
+    EXPECT_EQ(call(&second, 1, 2), 0) << name;
+    EXPECT_EQ(call(&first, 1, 0), 0) << name;
+    EXPECT_EQ(call(nullptr, 1, 2), -1) << name;
+    expect_for(name);
+  }
+  for (auto [call, name] : getters) {
+    EXPECT_EQ(call(&second, 2), 0) << name;
+    EXPECT_EQ(call(&first, 0), 0) << name;
+    EXPECT_EQ(call(nullptr, 2), -1) << name;
+    expect_for(name);
+  }
+  EXPECT_TRUE(is_board_detected(&second, 2));
+  EXPECT_TRUE(is_board_detected(&first, 0));
+  EXPECT_FALSE(is_board_detected(nullptr, 2));
+  expect_for("is_board_detected");
+  EXPECT_EQ(log.syslog(), want);
+}
+
+TEST_F(Controller, NullHandlesAnswerWithoutLogging) {
+  EXPECT_STREQ(get_serial_number(nullptr), "UNKNOWN");
+  EXPECT_EQ(get_site_count(nullptr), -1);
+  EXPECT_EQ(get_actuator_count(nullptr), -1);
+  EXPECT_STREQ(get_usb_location(nullptr, 1), "error");
+  EXPECT_STREQ(get_uart_path(nullptr, 1), "error");
+  EXPECT_EQ(actuator_for_site(nullptr, 1), -1);
+  EXPECT_EQ(reset(nullptr), -1);
+  for (auto move : {fixture_engage, fixture_disengage, fixture_close, fixture_open}) {
+    EXPECT_EQ(move(nullptr), -1);
+  }
+  for (auto query :
+       {is_fixture_engaged, is_fixture_disengaged, is_fixture_closed, is_fixture_open}) {
+    EXPECT_FALSE(query(nullptr));
+  }
+  release_fixture_controller(nullptr);
+  EXPECT_TRUE(log.syslog().empty());
+}
+
+TEST_F(Controller, PneumaticValveCallsPassTheWellOn) {
+  // 011000: both buttons held, plate down, fixture open: the press cycle finishes at once.
+  boards->site(1).script_status({"vel_fixture_status=011000 l_sw\n"});
+  EXPECT_TRUE(PneumaticValveOn(0, 1.0f));
+  EXPECT_TRUE(PneumaticValveAutoOn(1, 2.5f));
+  EXPECT_TRUE(log.has("VELMORA: PneumaticValveOn, WELL:1"));
+  EXPECT_TRUE(log.has("VELMORA: SOC_PneumaticValveOn WELL:1"));
+  EXPECT_TRUE(log.has("VELMORA: PneumaticValveAutoOn, WELL:2"));
+  EXPECT_TRUE(log.has("VELMORA: SOC_PneumaticValveAutoOn WELL:2"));
+  boards->site(1).set_responder(nullptr);
+  // The press lines belong to the station layer; let them all arrive, then forget them.
+  boards->site(1).wait_lines(2, 1.0);
+  boards->site(5).wait_lines(3, 1.0);
+  for (sim::Board* board : boards->all()) board->clear();
+}
+
+}  // namespace

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <deque>
@@ -155,6 +156,41 @@ std::optional<uint32_t> location_id(libusb_device* device, int* error) {
   return id;
 }
 
+std::string utf16le_to_utf8(const unsigned char* text, size_t bytes) {
+  std::string out;
+  for (size_t i = 0; i + 1 < bytes; i += 2) {
+    const unsigned unit = text[i] | text[i + 1] << 8;
+    if (unit < 0x80) {
+      out += static_cast<char>(unit);
+    } else if (unit < 0x800) {
+      out += static_cast<char>(0xc0 | unit >> 6);
+      out += static_cast<char>(0x80 | (unit & 0x3f));
+    } else {
+      out += static_cast<char>(0xe0 | unit >> 12);
+      out += static_cast<char>(0x80 | ((unit >> 6) & 0x3f));
+      out += static_cast<char>(0x80 | (unit & 0x3f));
+    }
+  }
+  return out;
+}
+
+std::string product_string(libusb_device_handle* handle) {
+  libusb_device_descriptor descriptor{};
+  if (!handle ||
+      libusb_get_device_descriptor(libusb_get_device(handle), &descriptor) != LIBUSB_SUCCESS ||
+      descriptor.iProduct == 0) {
+    return "";
+  }
+  unsigned char buffer[256];
+  int n = libusb_get_string_descriptor(handle, 0, 0, buffer, sizeof buffer);
+  if (n < 4 || buffer[1] != LIBUSB_DT_STRING) return "";
+  const uint16_t language = static_cast<uint16_t>(buffer[2] | buffer[3] << 8);
+  n = libusb_get_string_descriptor(handle, descriptor.iProduct, language, buffer, sizeof buffer);
+  if (n < 2 || buffer[1] != LIBUSB_DT_STRING) return "";
+  n = std::min(n, static_cast<int>(buffer[0]));
+  return utf16le_to_utf8(buffer + 2, n >= 2 ? static_cast<size_t>(n - 2) : 0);
+}
+
 std::string product_string(libusb_device* device) {
   libusb_device_descriptor descriptor{};
   if (libusb_get_device_descriptor(device, &descriptor) != LIBUSB_SUCCESS ||
@@ -163,29 +199,7 @@ std::string product_string(libusb_device* device) {
   }
   libusb_device_handle* handle = nullptr;
   if (libusb_open(device, &handle) != LIBUSB_SUCCESS) return "";
-  unsigned char buffer[256];
-  std::string text;
-  int n = libusb_get_string_descriptor(handle, 0, 0, buffer, sizeof buffer);
-  if (n >= 4 && buffer[1] == LIBUSB_DT_STRING) {
-    const uint16_t language = static_cast<uint16_t>(buffer[2] | buffer[3] << 8);
-    n = libusb_get_string_descriptor(handle, descriptor.iProduct, language, buffer, sizeof buffer);
-    if (n >= 2 && buffer[1] == LIBUSB_DT_STRING) {
-      n = std::min(n, static_cast<int>(buffer[0]));
-      for (int i = 2; i + 1 < n; i += 2) {
-        const unsigned unit = buffer[i] | buffer[i + 1] << 8;
-        if (unit < 0x80) {
-          text += static_cast<char>(unit);
-        } else if (unit < 0x800) {
-          text += static_cast<char>(0xc0 | unit >> 6);
-          text += static_cast<char>(0x80 | (unit & 0x3f));
-        } else {
-          text += static_cast<char>(0xe0 | unit >> 12);
-          text += static_cast<char>(0x80 | ((unit >> 6) & 0x3f));
-          text += static_cast<char>(0x80 | (unit & 0x3f));
-        }
-      }
-    }
-  }
+  std::string text = product_string(handle);
   libusb_close(handle);
   return text;
 }

@@ -26,6 +26,11 @@ std::optional<uint32_t> location_id(libusb_device* device, int* error = nullptr)
 // The registry name of a device: its iProduct string read with the first supported language;
 // the empty text when it has none or it cannot be read. Opens and closes the device.
 std::string product_string(libusb_device* device);
+// The same through a handle that is already open.
+std::string product_string(libusb_device_handle* handle);
+
+// UTF-8 of a UTF-16LE text of `bytes` bytes (a string descriptor's text).
+std::string utf16le_to_utf8(const unsigned char* text, size_t bytes);
 
 // Hotplug. `handler` runs on the library's event thread for every arrival or removal of a device
 // with these ids, outside libusb's event handling (so it may open the device and make

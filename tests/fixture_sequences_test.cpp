@@ -260,9 +260,8 @@ class Sequences : public ::testing::Test {
     log.clear();
   }
 
-  // Each board received exactly its UUT's lines of `expected`, and the outcome log lines show
-  // the writes in order with at least the given pause after each.
-  static void expect_traffic(const Writes& expected) {
+  // The outcome log lines show the writes in order, with at least the given pause after each.
+  static void expect_writes(const Writes& expected) {
     const std::vector<Write> writes = log.writes();
     ASSERT_EQ(writes.size(), expected.size());
     for (size_t i = 0; i < expected.size(); ++i) {
@@ -274,6 +273,10 @@ class Sequences : public ::testing::Test {
         EXPECT_GE(writes[i + 1].time - writes[i].time, expected[i].pauseAfter);
       }
     }
+  }
+
+  // Each board received exactly the lines of its UUT, and only those that went through.
+  static void expect_boards(const Writes& expected) {
     for (int site = 1; site <= 8; ++site) {
       std::vector<std::string> want;
       for (const auto& e : expected) {
@@ -285,6 +288,11 @@ class Sequences : public ::testing::Test {
       for (const auto& line : board.lines()) got.push_back(line.text);
       EXPECT_EQ(got, want) << "site " << site;
     }
+  }
+
+  static void expect_traffic(const Writes& expected) {
+    expect_writes(expected);
+    expect_boards(expected);
   }
 
   static inline sim::Testbed* bed;
@@ -437,16 +445,7 @@ TEST_F(Sequences, LedStatesOnBothWells) {
     clear();
     EXPECT_EQ(set_led_state(wells[row.well], row.state, row.site), 0);
     EXPECT_EQ(log.lines("VELMORA: set_led_state"), row.logLines);
-    for (int site = 1; site <= 8; ++site) {
-      std::vector<std::string> want;
-      for (const auto& e : row.boardLines) {
-        if (e.uut == site) want.push_back(e.command);
-      }
-      boards->site(site).wait_lines(want.size(), 1.0);
-      std::vector<std::string> got;
-      for (const auto& line : boards->site(site).lines()) got.push_back(line.text);
-      EXPECT_EQ(got, want) << "site " << site;
-    }
+    expect_boards(row.boardLines);
   }
   EXPECT_EQ(set_led_state(wells[0], 1, 0), -1);
   EXPECT_EQ(set_led_state(nullptr, 1, 1), -1);
@@ -454,55 +453,37 @@ TEST_F(Sequences, LedStatesOnBothWells) {
 }
 
 TEST_F(Sequences, WellWideLeds) {
+  const auto four = [](int first, const char* line) {
+    Writes w;
+    for (int uut = first; uut < first + 4; ++uut) w = w + on(uut, {{line, S}});
+    return w;
+  };
+  const std::string well1 = "VELMORA: set_led_state_all for WELL:1";
+  const std::string well2 = "VELMORA: set_led_state_all for WELL:2";
   struct {
     int well, state;
     std::vector<std::string> logLines;
-    Writes writes;  // only the SOC writes; the run LED goes through the well's first port
-    const char* runLed;
+    Writes lines;
+    bool perUut;  // station writes with a pause before each, else the well's run LED
   } const rows[] = {
-      {1,
-       1,
-       {"VELMORA: set_led_state_all for WELL:2"},
-       on(5, {{"pass_led_on", S}}) + on(6, {{"pass_led_on", S}}) + on(7, {{"pass_led_on", S}}) +
-           on(8, {{"pass_led_on", S}}),
-       nullptr},
+      {1, 1, {well2}, four(5, "pass_led_on"), true},
       // Every state but OFF, PASS and INPROGRESS lights the fail LEDs.
-      {0,
-       5,
-       {"VELMORA: set_led_state_all for WELL:1"},
-       on(1, {{"fail_led_on", S}}) + on(2, {{"fail_led_on", S}}) + on(3, {{"fail_led_on", S}}) +
-           on(4, {{"fail_led_on", S}}),
-       nullptr},
-      {0,
-       0,
-       {"VELMORA: set_led_state_all for WELL:1", "VELMORA: set_led_state_all for WELL:1, OFF"},
-       {},
-       "vel_run_led_off\n"},
-      {1,
-       3,
-       {"VELMORA: set_led_state_all for WELL:2",
-        "VELMORA: set_led_state_all for WELL:2, INPROGRESS"},
-       {},
-       "vel_run_led_on\n"},
+      {0, 5, {well1}, four(1, "fail_led_on"), true},
+      {1, -1, {well2}, four(5, "fail_led_on"), true},
+      {0, 0, {well1, well1 + ", OFF"}, on(1, {{"run_led_off", 0}}), false},
+      {1, 3, {well2, well2 + ", INPROGRESS"}, on(5, {{"run_led_on", 0}}), false},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.logLines.front());
+    SCOPED_TRACE(row.logLines.back());
     clear();
     const double start = monotonic_seconds();
     EXPECT_EQ(set_led_state_all(wells[row.well], row.state), 0);
-    // A pause comes before each of the four writes.
-    if (!row.runLed) {
+    if (row.perUut) {
       EXPECT_GE(monotonic_seconds() - start, 4 * S);
     }
     EXPECT_EQ(log.lines("VELMORA: set_led_state"), row.logLines);
-    if (row.runLed) {
-      sim::Board& first = boards->site(row.well == 1 ? 5 : 1);
-      first.wait_lines(1, 1.0);
-      ASSERT_EQ(first.lines().size(), 1u);
-      EXPECT_EQ(first.lines()[0].text, row.runLed);
-    } else {
-      expect_traffic(row.writes);
-    }
+    expect_writes(row.perUut ? row.lines : Writes{});
+    expect_boards(row.lines);
   }
 }
 
@@ -513,24 +494,19 @@ TEST_F(Sequences, PressMovesAndOpen) {
     const char* logLine;
     const char* command;
   } const moves[] = {
-      {fixture_engage, 0, "VELMORA: fixture_engage, WELL:1", "vel_pne_down\n"},
-      {fixture_disengage, 1, "VELMORA: fixture_disengage, WELL:2", "vel_pne_up\n"},
-      {fixture_close, 0, "VELMORA: fixture_close, WELL:1", "vel_pne_in\n"},
+      {fixture_engage, 0, "VELMORA: fixture_engage, WELL:1", "pne_down"},
+      {fixture_disengage, 1, "VELMORA: fixture_disengage, WELL:2", "pne_up"},
+      {fixture_close, 0, "VELMORA: fixture_close, WELL:1", "pne_in"},
   };
   for (const auto& m : moves) {
     SCOPED_TRACE(m.logLine);
     clear();
     EXPECT_EQ(m.call(wells[m.well]), 0);
     EXPECT_EQ(log.lines().front(), m.logLine);
-    for (int site = 1; site <= 8; ++site) {
-      const bool inWell = (site > 4) == (m.well == 1);
-      sim::Board& board = boards->site(site);
-      if (inWell) board.wait_lines(1, 1.0);
-      ASSERT_EQ(board.lines().size(), inWell ? 1u : 0u) << site;
-      if (inWell) {
-        EXPECT_EQ(board.lines()[0].text, m.command);
-      }
-    }
+    Writes everyPort;
+    for (int uut = 1; uut <= 4; ++uut)
+      everyPort = everyPort + on(uut + 4 * m.well, {{m.command, 0}});
+    expect_boards(everyPort);
     EXPECT_EQ(m.call(nullptr), -1);
   }
 
@@ -541,14 +517,12 @@ TEST_F(Sequences, PressMovesAndOpen) {
   ASSERT_GE(lines.size(), 2u);
   EXPECT_EQ(lines[0], "VELMORA: fixture_open, WELL:2");
   EXPECT_EQ(lines[1], "VELMORA: resetting controller INDEX:1");
-  expect_traffic(on(5, {{"dfu_reset", S}}) + on(6, {{"dfu_reset", S}}) + on(7, {{"dfu_reset", S}}) +
-                 on(8, {{"dfu_reset", 0}}));
-  for (int site = 5; site <= 8; ++site) {
-    sim::Board& board = boards->site(site);
-    board.wait_lines(2, 1.0);
-    ASSERT_EQ(board.lines().size(), 2u);
-    EXPECT_EQ(board.lines()[1].text, "vel_pne_out\n");
-  }
+  expect_writes(on(5, {{"dfu_reset", S}}) + on(6, {{"dfu_reset", S}}) + on(7, {{"dfu_reset", S}}) +
+                on(8, {{"dfu_reset", 0}}));
+  Writes resetThenOut;
+  for (int uut = 5; uut <= 8; ++uut)
+    resetThenOut = resetThenOut + on(uut, {{"dfu_reset", 0}, {"pne_out", 0}});
+  expect_boards(resetThenOut);
   // The tray moves no earlier than 1.0 s after the last reset, and 0.01 s before its first line.
   EXPECT_GE(log.time_of("VELMORA: Successfully sent vel_pne_out") - log.writes().back().time,
             1.0 + S);
@@ -604,16 +578,11 @@ TEST_F(Sequences, InitStopsAtTheSecondUutsLed) {
   const auto lines = log.lines();
   EXPECT_EQ(lines.front(), "VELMORA: initialising controller INDEX:0");
   EXPECT_EQ(lines.back(), "VELMORA: SOC_PassLed, UUT:2, Failed to write vel_pass_led_off\n");
-  const std::vector<std::string> press = {"vel_dfu_reset\n", "vel_pne_up\n", "vel_pne_out\n"};
-  for (int site : {1, 3, 4}) {
-    sim::Board& b = boards->site(site);
-    b.wait_lines(site == 1 ? 5 : 3, 1.0);
-    std::vector<std::string> got;
-    for (const auto& line : b.lines()) got.push_back(line.text);
-    std::vector<std::string> want = press;
-    if (site == 1) want.insert(want.end(), {"vel_pass_led_off\n", "vel_fail_led_off\n"});
-    EXPECT_EQ(got, want) << site;
-  }
+  const auto press = [](int uut) {
+    return on(uut, {{"dfu_reset", 0}, {"pne_up", 0}, {"pne_out", 0}});
+  };
+  // The first UUT's LEDs go off; the second's pass LED fails; the later UUTs' stay untouched.
+  expect_boards(press(1) + on(1, {{"pass_led_off", 0}, {"fail_led_off", 0}}) + press(3) + press(4));
   // 3.0 s after the reset the press goes up, 2.0 s later the tray out (0.01 s before each line).
   const double pressUp = log.time_of("VELMORA: Successfully sent vel_pne_up");
   EXPECT_GE(pressUp - log.time_of("VELMORA: SOC_Reset, UUT:4", true), 3.0 + S);

@@ -1,0 +1,211 @@
+// The virtual fixture's own behaviour, in process: units under test that follow the lines their
+// board receives, timed faults, and the trace and VCD writers.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <optional>
+#include <thread>
+
+#include "fixture.h"
+#include "tools_support.h"
+#include "topology.h"
+#include "vcd.h"
+
+namespace {
+
+using sim::BootMode;
+
+// Lines written to a site's port as the library would, and a way to know the fixture has taken
+// them all: our trace listener comes after the units' one, so seeing the marker line means
+// every line before it was handled.
+class Port {
+ public:
+  Port(sim::Fixture& fixture, int site) : site_(site) {
+    fd_ = open(sim::board_devnode(site).c_str(), O_RDWR | O_NOCTTY);
+    fixture.testbed().on_trace([state = state_, site](const sim::TraceEvent& e) {
+      if (e.source != "site" + std::to_string(site) || e.what != "vel_marker\n") return;
+      std::lock_guard lock(state->mutex);
+      ++state->markers;
+      state->cv.notify_all();
+    });
+  }
+  ~Port() { close(fd_); }
+  int fd() const { return fd_; }
+
+  void send(const std::vector<std::string>& lines) {
+    int expected = 0;
+    {
+      std::lock_guard lock(state_->mutex);
+      expected = state_->markers + 1;
+    }
+    for (const auto& line : lines)
+      ASSERT_EQ(write(fd_, line.data(), line.size()), ssize_t(line.size()));
+    const std::string marker = "vel_marker\n";
+    ASSERT_EQ(write(fd_, marker.data(), marker.size()), ssize_t(marker.size()));
+    std::unique_lock lock(state_->mutex);
+    ASSERT_TRUE(state_->cv.wait_for(lock, std::chrono::seconds(5),
+                                    [&] { return state_->markers >= expected; }));
+  }
+
+ private:
+  struct State {
+    std::mutex mutex;
+    std::condition_variable cv;
+    int markers = 0;
+  };
+  int site_;
+  int fd_ = -1;
+  std::shared_ptr<State> state_ = std::make_shared<State>();
+};
+
+struct BootCase {
+  const char* what;
+  std::vector<std::string> lines;
+  std::optional<BootMode> mode;
+};
+
+TEST(VirtualUnits, BootModeFollowsTheLinesAtPowerUp) {
+  sim::FixtureOptions options;
+  options.wells = 1;
+  options.dioModules = {};
+  sim::Fixture fixture(options);
+  Port port(fixture, 2);
+  ASSERT_GE(port.fd(), 0);
+  const std::string recovery = "vel_hi5_enter_recovery\n";
+  const BootCase cases[] = {
+      {"USB supply alone: normal boot", {"vel_vusb_on\n"}, BootMode::Normal},
+      {"battery alone: normal boot", {"vel_vbatt_on\n"}, BootMode::Normal},
+      {"force-DFU before power-up", {"vel_forcedfu_on\n", "vel_vbatt_on\n"}, BootMode::Dfu},
+      {"recovery request", {"vel_hi5_enable\n", recovery, "vel_vusb_on\n"}, BootMode::Recovery},
+      {"diag request overrides recovery",
+       {recovery, "vel_hi5_enter_diag\n", "vel_vusb_on\n"},
+       BootMode::Normal},
+      {"force-DFU after power-up changes nothing",
+       {"vel_vusb_on\n", "vel_forcedfu_on\n"},
+       BootMode::Normal},
+      {"one supply still on",
+       {"vel_vusb_on\n", "vel_vbatt_on\n", "vel_vusb_off\n"},
+       BootMode::Normal},
+      {"both supplies off",
+       {"vel_vusb_on\n", "vel_vbatt_on\n", "vel_vusb_off\n", "vel_vbatt_off\n"},
+       std::nullopt},
+      {"board reset cuts power", {"vel_vbatt_on\n", "vel_dfu_reset\n"}, std::nullopt},
+      {"recovery request forgotten at power-down",
+       {recovery, "vel_vusb_on\n", "vel_vusb_off\n", "vel_vusb_on\n"},
+       BootMode::Normal},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    // From rest: unpowered, force-DFU released, no request pending.
+    port.send({"vel_dfu_reset\n", "vel_forcedfu_off\n", "vel_hi5_enter_diag\n"});
+    ASSERT_FALSE(fixture.units().present(2));
+    port.send(c.lines);
+    EXPECT_EQ(fixture.units().present(2), c.mode);
+    sim::UsbDevice* unit = fixture.usb().find(sim::site_port_path(2, sim::kUnitPort));
+    ASSERT_EQ(unit != nullptr, c.mode.has_value());
+    if (!unit) continue;
+    const sim::UnitIdentity& id = sim::unit_identity(*c.mode);
+    EXPECT_EQ(unit->spec().productName, id.name);
+    EXPECT_EQ(unit->spec().product, id.product);
+    EXPECT_EQ(unit->location_id(), 0x1123000u);
+  }
+  EXPECT_FALSE(fixture.units().present(1));  // the other sites heard nothing
+
+  // The waveform holds every site's signals, and site 2's unit coming and going.
+  tools_test::ScratchDir dir;
+  ASSERT_TRUE(fixture.write_vcd(dir / "units.vcd"));
+  const auto vcd = tools_test::read_vcd(dir / "units.vcd");
+  ASSERT_TRUE(vcd.ok);
+  EXPECT_EQ(vcd.timescale, "1us");
+  for (int n = 1; n <= 4; ++n) {
+    const std::string site = "fixture.site" + std::to_string(n) + ".";
+    ASSERT_TRUE(vcd.vars.count(site + "board_usb")) << site;
+    EXPECT_EQ(vcd.vars.at(site + "board_usb").values.back().second, "1");
+  }
+  const auto& unit = vcd.vars.at("fixture.site2.unit");
+  EXPECT_EQ(unit.width, 2);  // none, normal, dfu, recovery
+  EXPECT_GE(unit.values.size(), 2 * std::size(cases));
+  const auto& unitUsb = vcd.vars.at("fixture.site2.unit_usb").values;
+  EXPECT_EQ(unitUsb.front().second, "0");
+  EXPECT_EQ(unitUsb.back().second, "1");
+}
+
+TEST(VirtualFaults, StrikeAtTheirTimeAfterStart) {
+  sim::FixtureOptions options;
+  options.wells = 1;
+  options.dioModules = {0};
+  options.faults = {{sim::TimedFault::BoardUnplugged, 2, 0.2},
+                    {sim::TimedFault::BoardStopsReading, 3, 0.3},
+                    {sim::TimedFault::DioGone, 0, 0.1}};
+  sim::Fixture fixture(options);
+  const int fd = open(sim::board_devnode(2).c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+  ASSERT_GE(fd, 0);
+  const double t0 = sim::now();
+  fixture.start();
+  EXPECT_EQ(write(fd, "vel_ntc_on\n", 11), 11);  // still plugged
+  std::this_thread::sleep_for(std::chrono::milliseconds(600));
+  EXPECT_LT(write(fd, "vel_ntc_on\n", 11), 0);
+  close(fd);
+  EXPECT_TRUE(fixture.dio(0)->gone());
+
+  std::map<std::string, double> seen;
+  for (const auto& e : fixture.testbed().trace_events()) {
+    if (e.time >= t0) seen.emplace(e.source + " " + e.what, e.time - t0);
+  }
+  const std::pair<const char*, double> expected[] = {{"site2 unplugged=1", 0.2},
+                                                     {"usb 1-1.2.2=remove", 0.2},
+                                                     {"site3 reading=0", 0.3},
+                                                     {"usb 1-3=remove", 0.1}};
+  for (const auto& [event, at] : expected) {
+    ASSERT_TRUE(seen.count(event)) << event;
+    EXPECT_GE(seen[event], at) << event;
+    EXPECT_LT(seen[event], at + 0.3) << event;
+  }
+}
+
+TEST(TraceAndVcd, WritersKeepTimesAndValues) {
+  const double t0 = 100.0;
+  EXPECT_EQ(sim::trace_line({t0 + 1.5, "site3", "vel_vusb_on\n"}, t0),
+            "   1.500000  site3     < vel_vusb_on");
+  EXPECT_EQ(sim::trace_line({t0 + 2, "well1", "press=down"}, t0),
+            "   2.000000  well1     press=down");
+  EXPECT_EQ(sim::trace_line({t0, "site1", std::string("a\x01\n")}, t0),
+            "   0.000000  site1     < a\\x01");
+
+  sim::Vcd vcd;
+  vcd.declare("site1", "pass_led", "0");
+  vcd.declare("site1", "vbatt_mv", "0");
+  vcd.declare("well1", "plate", "up");
+  vcd.change(t0 + 0.5, "site1", "pass_led", "1");
+  vcd.change(t0 + 1.0, "site1", "vbatt_mv", "4100");
+  vcd.change(t0 + 0.25, "well1", "plate", "moving");
+  vcd.change(t0 + 0.75, "well1", "plate", "down");
+  vcd.change(t0 + 0.1, "site9", "ghost", "1");       // never declared: left out
+  vcd.change(t0 + 0.2, "dio0", "reg1", "90", true);  // declared by its first change
+  EXPECT_FALSE(vcd.has("site9", "ghost"));
+
+  tools_test::ScratchDir dir;
+  ASSERT_TRUE(vcd.write(dir / "w.vcd", t0, "test"));
+  const auto file = tools_test::read_vcd(dir / "w.vcd");
+  ASSERT_TRUE(file.ok);
+  ASSERT_EQ(file.vars.size(), 4u);
+  const auto& led = file.vars.at("fixture.site1.pass_led");
+  EXPECT_EQ(led.type, "wire");
+  EXPECT_EQ(led.width, 1);
+  EXPECT_EQ(led.values, (std::vector<std::pair<long long, std::string>>{{0, "0"}, {500000, "1"}}));
+  const auto& mv = file.vars.at("fixture.site1.vbatt_mv");
+  EXPECT_EQ(mv.type, "integer");
+  EXPECT_EQ(mv.width, 32);
+  EXPECT_EQ(mv.values.back(), (std::pair<long long, std::string>{1000000, "b1000000000100"}));
+  const auto& plate = file.vars.at("fixture.well1.plate");  // states up, moving, down
+  EXPECT_EQ(plate.width, 2);
+  EXPECT_EQ(plate.values, (std::vector<std::pair<long long, std::string>>{
+                              {0, "b0"}, {250000, "b1"}, {750000, "b10"}}));
+  EXPECT_NE(tools_test::read_file(dir / "w.vcd").find("well1.plate: 0=up 1=moving 2=down"),
+            std::string::npos);
+}
+
+}  // namespace

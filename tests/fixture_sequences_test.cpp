@@ -6,6 +6,7 @@
 
 #include <mutex>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 #include "Brakwell.h"
@@ -21,15 +22,41 @@ using brakwell::platform::monotonic_seconds;
 constexpr double S = 0.01;
 constexpr double kSlack = 0.4;  // late wake-ups on a loaded machine; never early ones
 
-// One command as the station layer reports it in its outcome line.
 struct Write {
   int uut;  // 1-based, as logged
   std::string command;
-  bool ok;
-  double time;
+  double pause = 0;  // expected: the least time before the next write
+  bool ok = true;
+  double time = 0;  // seen: when its outcome line was logged
+  bool operator==(const Write& o) const {
+    return uut == o.uut && command == o.command && ok == o.ok;
+  }
 };
+using Writes = std::vector<Write>;
+std::ostream& operator<<(std::ostream& out, const Write& w) {
+  return out << w.uut << ":" << (w.ok ? "" : "!") << w.command.substr(0, w.command.find('\n'));
+}
 
-// Every log line with the time it was written.
+// The lines of one UUT, each a name and the pause after it: "vusb_off S, vbatt_off L" is
+// "vel_vusb_off\n", 0.01 s, "vel_vbatt_off\n", 1.0 s. Pauses: 0, S, 2S, L; "!name" failed.
+Writes seq(int uut, const std::string& spec) {
+  Writes out;
+  std::istringstream in(spec);
+  std::string name, pause;
+  while (in >> name >> pause) {
+    if (pause.back() == ',') pause.pop_back();
+    const bool ok = name[0] != '!';
+    const double seconds = pause == "L" ? 1.0 : pause == "2S" ? 2 * S : pause == "S" ? S : 0;
+    out.push_back({uut, "vel_" + name.substr(ok ? 0 : 1) + "\n", seconds, ok});
+  }
+  return out;
+}
+Writes operator+(Writes a, const Writes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+// Every log line with the time it was written, on the calling thread.
 class TimedLog {
  public:
   TimedLog() { brakwell::platform::set_line_sink(&sink, this); }
@@ -39,33 +66,27 @@ class TimedLog {
     lines_.clear();
   }
   std::vector<std::string> lines(const std::string& prefix = "") const {
-    std::lock_guard lock(mutex_);
     std::vector<std::string> out;
-    for (const auto& [time, text] : lines_) {
-      if (text.rfind(prefix, 0) == 0) out.push_back(text);
+    for (const auto& [time, text] : timed(prefix)) out.push_back(text);
+    return out;
+  }
+  std::vector<std::pair<double, std::string>> timed(const std::string& prefix) const {
+    std::lock_guard lock(mutex_);
+    std::vector<std::pair<double, std::string>> out;
+    for (const auto& line : lines_) {
+      if (line.second.rfind(prefix, 0) == 0) out.push_back(line);
     }
     return out;
   }
-  // Time of the first (or last) line that begins with the prefix; 0 when there is none.
-  double time_of(const std::string& prefix, bool last = false) const {
-    std::lock_guard lock(mutex_);
-    double found = 0;
-    for (const auto& [time, text] : lines_) {
-      if (text.rfind(prefix, 0) != 0) continue;
-      found = time;
-      if (!last) break;
-    }
-    return found;
-  }
-  std::vector<Write> writes() const {
+  // The station's outcome lines, one per command written.
+  Writes writes() const {
     static const std::regex outcome(
-        R"(VELMORA: SOC_\w+, UUT:(-?\d+), (Successfully write|Successfully wrote|Failed to write) ([\s\S]*))");
-    std::lock_guard lock(mutex_);
-    std::vector<Write> out;
+        R"(VELMORA: SOC_\w+, UUT:(-?\d+), (Successfully wr(?:ite|ote)|Failed to write) ([\s\S]*))");
+    Writes out;
     std::smatch m;
-    for (const auto& [time, text] : lines_) {
+    for (const auto& [time, text] : timed("")) {
       if (std::regex_match(text, m, outcome)) {
-        out.push_back({std::stoi(m[1]), m[3], m[2] != "Failed to write", time});
+        out.push_back({std::stoi(m[1]), m[3], 0, m[2] != "Failed to write", time});
       }
     }
     return out;
@@ -80,159 +101,6 @@ class TimedLog {
   mutable std::mutex mutex_;
   std::vector<std::pair<double, std::string>> lines_;
 };
-
-struct Expect {
-  int uut;
-  std::string command;
-  double pauseAfter = 0;
-  bool ok = true;
-};
-using Writes = std::vector<Expect>;
-
-// The lines of one UUT: {"vusb_off", S} becomes "vel_vusb_off\n" followed by 0.01 s.
-Writes on(int uut, std::initializer_list<std::pair<const char*, double>> lines) {
-  Writes out;
-  for (const auto& [name, pause] : lines)
-    out.push_back({uut, "vel_" + std::string(name) + "\n", pause});
-  return out;
-}
-Writes operator+(Writes a, const Writes& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
-
-// Expected wire traffic, written from the sequences as the station must see them.
-Writes force_dfu_off(int u) {
-  return on(u, {{"vusb_off", S},
-                {"batt_supercap_disconn", S},
-                {"vbatt_off", 1.0},
-                {"uart_off", S},
-                {"forcedfu_off", S},
-                {"hi5_disable", S},
-                {"hi5_enable", S},
-                {"hi5_enter_diag", S},
-                {"accid_off", S},
-                {"dfu_host_conn", 2 * S},
-                {"vbatt_off", S},
-                {"batt_supercap_disconn", S},
-                {"vusb_off", S}});
-}
-Writes force_dfu_on(int u) {
-  return on(u, {{"vusb_off", S},
-                {"batt_supercap_disconn", S},
-                {"vbatt_off", 1.0},
-                {"uart_on", S},
-                {"forcedfu_on", S},
-                {"hi5_enable", S},
-                {"hi5_enable", S},
-                {"hi5_enter_diag", S},
-                {"accid_on", S},
-                {"dfu_host_conn", S},
-                {"set_vbatt_4100", S},
-                {"vbatt_on", S},
-                {"batt_supercap_conn", S},
-                {"vusb_on", S}});
-}
-Writes force_diags_off(int u) {
-  return on(u, {{"vusb_off", S},
-                {"batt_supercap_disconn", S},
-                {"vbatt_off", 1.0},
-                {"uart_off", S},
-                {"forcedfu_on", S},
-                {"hi5_disable", 0},
-                {"hi5_enable", S},
-                {"hi5_enter_diag", S},
-                {"accid_off", 2 * S},
-                {"vbatt_off", S},
-                {"batt_supercap_disconn", S},
-                {"vusb_off", S}});
-}
-Writes force_diags_on(int u) {
-  return on(u, {{"vusb_off", S},
-                {"batt_supercap_disconn", S},
-                {"vbatt_off", 1.0},
-                {"uart_on", S},
-                {"forcedfu_off", S},
-                {"hi5_enable", 0},
-                {"hi5_enable", S},
-                {"hi5_enter_diag", S},
-                {"accid_on", S},
-                {"set_vbatt_4100", S},
-                {"vbatt_on", S},
-                {"batt_supercap_conn", S},
-                {"vusb_on", S}});
-}
-Writes force_iboot_off(int u) {
-  return on(u, {{"vusb_off", S},
-                {"batt_supercap_disconn", S},
-                {"vbatt_off", 1.0},
-                {"uart_off", S},
-                {"forcedfu_on", S},
-                {"hi5_disable", S},
-                {"hi5_enable", 0},
-                {"hi5_enter_recovery", S},
-                {"accid_off", S},
-                {"dfu_host_conn", 2 * S},
-                {"vbatt_off", S},
-                {"batt_supercap_disconn", S},
-                {"vusb_off", 0}});
-}
-Writes force_iboot_on(int u) {
-  return on(u, {{"vusb_off", S},
-                {"batt_supercap_disconn", S},
-                {"vbatt_off", 1.0},
-                {"uart_on", S},
-                {"forcedfu_off", S},
-                {"hi5_enable", S},
-                {"hi5_enable", 0},
-                {"hi5_enter_recovery", S},
-                {"accid_on", S},
-                {"dfu_host_conn", S},
-                {"set_vbatt_4100", S},
-                {"vbatt_on", S},
-                {"batt_supercap_conn", S},
-                {"vusb_on", 0}});
-}
-Writes dut_power_off(int u) {
-  return on(u, {{"vusb_off", S}, {"batt_supercap_disconn", S}, {"vbatt_off", 1.0}});
-}
-Writes dut_power_on(int u) {
-  return on(u, {{"hi5_enable", 0},
-                {"hi5_enable", 0},
-                {"hi5_enter_recovery", S},
-                {"accid_on", S},
-                {"set_vbatt_4100", S},
-                {"vbatt_on", 0},
-                {"batt_supercap_conn", S},
-                {"vusb_on", 0}});
-}
-// Per UUT of set_dut_power_all; the supercap goes to the UUT before (logged 1-based as u - 1).
-Writes all_off(int u) {
-  return on(u, {{"vusb_off", S}}) + on(u - 1, {{"batt_supercap_disconn", S}}) +
-         on(u, {{"vbatt_off", 0}});
-}
-Writes all_on(int u) {
-  return on(u, {{"hi5_enable", 0},
-                {"hi5_enable", 0},
-                {"hi5_enter_recovery", S},
-                {"accid_on", S},
-                {"set_vbatt_4100", S},
-                {"vbatt_on", S}}) +
-         on(u - 1, {{"batt_supercap_conn", S}}) + on(u, {{"vusb_on", 0}});
-}
-Writes failed(Writes w) {
-  for (auto& e : w) e.ok = false;
-  return w;
-}
-
-void expect_action_words_zero() {
-  for (uint16_t word :
-       {action_usb_signal, action_usb_power, action_uart_signal, action_battery_power,
-        action_force_dfu, action_apple_id, action_conn_det_grounded, action_hi5_bs_grounded,
-        action_conn_acc_apple_id}) {
-    EXPECT_EQ(word, 0);
-  }
-}
 
 class Sequences : public ::testing::Test {
  protected:
@@ -252,48 +120,45 @@ class Sequences : public ::testing::Test {
     delete boards;
     delete bed;
   }
-  void SetUp() override { clear(); }
-  void TearDown() override { expect_action_words_zero(); }
-
-  static void clear() {
+  void SetUp() override {
     for (sim::Board* board : boards->all()) board->clear();
     log.clear();
   }
-
-  // The outcome log lines show the writes in order, with at least the given pause after each.
-  static void expect_writes(const Writes& expected) {
-    const std::vector<Write> writes = log.writes();
-    ASSERT_EQ(writes.size(), expected.size());
-    for (size_t i = 0; i < expected.size(); ++i) {
-      SCOPED_TRACE(i);
-      EXPECT_EQ(writes[i].uut, expected[i].uut);
-      EXPECT_EQ(writes[i].command, expected[i].command);
-      EXPECT_EQ(writes[i].ok, expected[i].ok);
-      if (i + 1 < expected.size()) {
-        EXPECT_GE(writes[i + 1].time - writes[i].time, expected[i].pauseAfter);
-      }
+  void TearDown() override {
+    for (uint16_t word :
+         {action_usb_signal, action_usb_power, action_uart_signal, action_battery_power,
+          action_force_dfu, action_apple_id, action_conn_det_grounded, action_hi5_bs_grounded,
+          action_conn_acc_apple_id}) {
+      EXPECT_EQ(word, 0);
     }
   }
 
-  // Each board received exactly the lines of its UUT, and only those that went through.
+  // The outcome lines show these writes in order, with at least the given pause after each.
+  static void expect_writes(const Writes& expected) {
+    const Writes seen = log.writes();
+    EXPECT_EQ(seen, expected);
+    for (size_t i = 0; i + 1 < std::min(seen.size(), expected.size()); ++i) {
+      EXPECT_GE(seen[i + 1].time - seen[i].time, expected[i].pause) << "after write " << i;
+    }
+  }
+  // Each board received exactly the lines of its UUT that went through.
   static void expect_boards(const Writes& expected) {
     for (int site = 1; site <= 8; ++site) {
-      std::vector<std::string> want;
-      for (const auto& e : expected) {
-        if (e.uut == site && e.ok) want.push_back(e.command);
+      std::vector<std::string> want, got;
+      for (const auto& w : expected) {
+        if (w.uut == site && w.ok) want.push_back(w.command);
       }
       sim::Board& board = boards->site(site);
       if (!board.unplugged()) board.wait_lines(want.size(), 1.0);
-      std::vector<std::string> got;
       for (const auto& line : board.lines()) got.push_back(line.text);
       EXPECT_EQ(got, want) << "site " << site;
     }
   }
-
   static void expect_traffic(const Writes& expected) {
     expect_writes(expected);
     expect_boards(expected);
   }
+  void restart() { SetUp(); }
 
   static inline sim::Testbed* bed;
   static inline sim::Boards* boards;
@@ -301,82 +166,111 @@ class Sequences : public ::testing::Test {
   static inline TimedLog log;
 };
 
-using Call = int (*)(FixtureController*, int state, int site);
+// Expected traffic, written out from the sequences as the boards must see them.
+Writes force_dfu(int u, bool on) {
+  return seq(u, on ? "vusb_off S, batt_supercap_disconn S, vbatt_off L, uart_on S, forcedfu_on S,"
+                     " hi5_enable S, hi5_enable S, hi5_enter_diag S, accid_on S, dfu_host_conn S,"
+                     " set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"
+                   : "vusb_off S, batt_supercap_disconn S, vbatt_off L, uart_off S, forcedfu_off S,"
+                     " hi5_disable S, hi5_enable S, hi5_enter_diag S, accid_off S,"
+                     " dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S, vusb_off S");
+}
+Writes force_diags(int u, bool on) {
+  return seq(u, on ? "vusb_off S, batt_supercap_disconn S, vbatt_off L, uart_on S, forcedfu_off S,"
+                     " hi5_enable 0, hi5_enable S, hi5_enter_diag S, accid_on S,"
+                     " set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"
+                   : "vusb_off S, batt_supercap_disconn S, vbatt_off L, uart_off S, forcedfu_on S,"
+                     " hi5_disable 0, hi5_enable S, hi5_enter_diag S, accid_off 2S,"
+                     " vbatt_off S, batt_supercap_disconn S, vusb_off S");
+}
+Writes force_iboot(int u, bool on) {
+  return seq(u, on ? "vusb_off S, batt_supercap_disconn S, vbatt_off L, uart_on S, forcedfu_off S,"
+                     " hi5_enable S, hi5_enable 0, hi5_enter_recovery S, accid_on S,"
+                     " dfu_host_conn S, set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S,"
+                     " vusb_on 0"
+                   : "vusb_off S, batt_supercap_disconn S, vbatt_off L, uart_off S, forcedfu_on S,"
+                     " hi5_disable S, hi5_enable 0, hi5_enter_recovery S, accid_off S,"
+                     " dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S, vusb_off 0");
+}
+Writes dut_power(int u, bool on) {
+  return seq(u, on ? "hi5_enable 0, hi5_enable 0, hi5_enter_recovery S, accid_on S,"
+                     " set_vbatt_4100 S, vbatt_on 0, batt_supercap_conn S, vusb_on 0"
+                   : "vusb_off S, batt_supercap_disconn S, vbatt_off L");
+}
+// One UUT of set_dut_power_all: its supercap line goes to the UUT before (u - 1).
+Writes dut_power_all(int u, bool on) {
+  return on ? seq(u,
+                  "hi5_enable 0, hi5_enable 0, hi5_enter_recovery S, accid_on S,"
+                  " set_vbatt_4100 S, vbatt_on S") +
+                  seq(u - 1, "batt_supercap_conn S") + seq(u, "vusb_on 0")
+            : seq(u, "vusb_off S") + seq(u - 1, "batt_supercap_disconn S") + seq(u, "vbatt_off 0");
+}
+Writes dut_power_all_well2(bool on) {
+  return dut_power_all(5, on) + dut_power_all(6, on) + dut_power_all(7, on) + dut_power_all(8, on);
+}
 
-struct Row {
-  Call call;
-  int state;
-  int well;  // the handle's index
-  int site;
-  const char* logLine;
-  double pauses;  // the sequence's own pauses
-  Writes writes;
-  int result = 0;
-};
-
-int dut_power_all(FixtureController* h, int state, int) { return set_dut_power_all(h, state); }
+int all(FixtureController* h, int state, int) { return set_dut_power_all(h, state); }
 
 TEST_F(Sequences, PowerAndBootModeSequences) {
-  const Row rows[] = {
-      {set_force_dfu, 1, 0, 1, "VELMORA: set_force_dfu OFF for UUT:1", 1.12, force_dfu_off(1)},
-      {set_force_dfu, 0, 1, 3, "VELMORA: set_force_dfu ON for UUT:7", 1.12, force_dfu_on(7)},
-      {set_force_dfu, 2, 0, 4, "VELMORA: set_force_dfu ON for UUT:4", 1.12, force_dfu_on(4)},
-      {set_force_diags, 1, 1, 1, "VELMORA: set_force_diags OFF for UUT:5", 1.10,
-       force_diags_off(5)},
-      {set_force_diags, 0, 0, 2, "VELMORA: set_force_diags ON for UUT:2", 1.10, force_diags_on(2)},
-      {set_force_diags, -1, 1, 4, "VELMORA: set_force_diags ON for UUT:8", 1.10, force_diags_on(8)},
-      {set_force_iboot, 1, 0, 3, "VELMORA: set_force_iboot OFF for UUT:3", 1.11,
-       force_iboot_off(3)},
-      {set_force_iboot, 0, 1, 2, "VELMORA: set_force_iboot ON for UUT:6", 1.11, force_iboot_on(6)},
-      {set_force_iboot, -1, 0, 1, "VELMORA: set_force_iboot ON for UUT:1", 1.11, force_iboot_on(1)},
-      {set_dut_power, 1, 1, 2, "VELMORA: set_dut_power with POWER_STATE:1 for UUT:6", 1.02,
-       dut_power_off(6)},
-      {set_dut_power, 0, 0, 2, "VELMORA: set_dut_power with POWER_STATE:0 for UUT:2", 0.04,
-       dut_power_on(2)},
-      {set_dut_power, 2, 1, 3, "VELMORA: set_dut_power with POWER_STATE:2 for UUT:7", 0.04,
-       dut_power_on(7)},
-      {set_dut_power, -1, 0, 4, "VELMORA: set_dut_power with POWER_STATE:-1 for UUT:4", 0.04,
-       dut_power_on(4)},
-      {set_usb_power, 1, 0, 2, "VELMORA: set_usb_power, UUT2", 0, on(2, {{"vusb_off", 0}})},
-      {set_usb_power, 2, 1, 1, "VELMORA: set_usb_power, UUT5", 0, on(5, {{"vusb_on", 0}})},
-      {set_battery_power, 1, 1, 4, "VELMORA: set_battery_power, UUT:8", 0,
-       on(8, {{"vbatt_off", 0}})},
-      {set_battery_power, -1, 0, 3, "VELMORA: set_battery_power, UUT:3", 0,
-       on(3, {{"vbatt_on", 0}})},
-      {dut_power_all, 1, 1, 0, "VELMORA: set_dut_power_all with POWER_STATE:1 for WELL:2", 0.08,
-       all_off(5) + all_off(6) + all_off(7) + all_off(8)},
-      {dut_power_all, 0, 1, 0, "VELMORA: set_dut_power_all with POWER_STATE:0 for WELL:2", 0.20,
-       all_on(5) + all_on(6) + all_on(7) + all_on(8)},
-      // On the first well the first UUT's supercap step addresses index -1: a failed write that
-      // ends the call.
-      {dut_power_all, 1, 0, 0, "VELMORA: set_dut_power_all with POWER_STATE:1 for WELL:1", 0.01,
-       on(1, {{"vusb_off", S}}) + failed(on(0, {{"batt_supercap_disconn", 0}})), -1},
-      {dut_power_all, 2, 0, 0, "VELMORA: set_dut_power_all with POWER_STATE:2 for WELL:1", 0.04,
-       on(1, {{"hi5_enable", 0},
-              {"hi5_enable", 0},
-              {"hi5_enter_recovery", S},
-              {"accid_on", S},
-              {"set_vbatt_4100", S},
-              {"vbatt_on", S}}) +
-           failed(on(0, {{"batt_supercap_conn", 0}})),
+  struct {
+    int (*call)(FixtureController*, int state, int site);
+    int state, well, site;
+    const char* logLine;
+    double pauses;  // the sequence's own pauses
+    Writes writes;
+    int result = 0;
+  } const rows[] = {
+      {set_force_dfu, 1, 0, 1, "set_force_dfu OFF for UUT:1", 1.12, force_dfu(1, false)},
+      {set_force_dfu, 0, 1, 3, "set_force_dfu ON for UUT:7", 1.12, force_dfu(7, true)},
+      {set_force_dfu, 2, 0, 4, "set_force_dfu ON for UUT:4", 1.12, force_dfu(4, true)},
+      {set_force_diags, 1, 1, 1, "set_force_diags OFF for UUT:5", 1.10, force_diags(5, false)},
+      {set_force_diags, 0, 0, 2, "set_force_diags ON for UUT:2", 1.10, force_diags(2, true)},
+      {set_force_diags, -1, 1, 4, "set_force_diags ON for UUT:8", 1.10, force_diags(8, true)},
+      {set_force_iboot, 1, 0, 3, "set_force_iboot OFF for UUT:3", 1.11, force_iboot(3, false)},
+      {set_force_iboot, 0, 1, 2, "set_force_iboot ON for UUT:6", 1.11, force_iboot(6, true)},
+      {set_force_iboot, -1, 0, 1, "set_force_iboot ON for UUT:1", 1.11, force_iboot(1, true)},
+      {set_dut_power, 1, 1, 2, "set_dut_power with POWER_STATE:1 for UUT:6", 1.02,
+       dut_power(6, false)},
+      {set_dut_power, 0, 0, 2, "set_dut_power with POWER_STATE:0 for UUT:2", 0.04,
+       dut_power(2, true)},
+      {set_dut_power, 2, 1, 3, "set_dut_power with POWER_STATE:2 for UUT:7", 0.04,
+       dut_power(7, true)},
+      {set_dut_power, -1, 0, 4, "set_dut_power with POWER_STATE:-1 for UUT:4", 0.04,
+       dut_power(4, true)},
+      {set_usb_power, 1, 0, 2, "set_usb_power, UUT2", 0, seq(2, "vusb_off 0")},
+      {set_usb_power, 2, 1, 1, "set_usb_power, UUT5", 0, seq(5, "vusb_on 0")},
+      {set_battery_power, 1, 1, 4, "set_battery_power, UUT:8", 0, seq(8, "vbatt_off 0")},
+      {set_battery_power, -1, 0, 3, "set_battery_power, UUT:3", 0, seq(3, "vbatt_on 0")},
+      {all, 1, 1, 0, "set_dut_power_all with POWER_STATE:1 for WELL:2", 0.08,
+       dut_power_all_well2(false)},
+      {all, 0, 1, 0, "set_dut_power_all with POWER_STATE:0 for WELL:2", 0.20,
+       dut_power_all_well2(true)},
+      // On the first well the first UUT's supercap line goes to index -1: a failed write that
+      // ends the call before the second UUT.
+      {all, 1, 0, 0, "set_dut_power_all with POWER_STATE:1 for WELL:1", 0.01,
+       seq(1, "vusb_off S") + seq(0, "!batt_supercap_disconn 0"), -1},
+      {all, 2, 0, 0, "set_dut_power_all with POWER_STATE:2 for WELL:1", 0.04,
+       seq(1,
+           "hi5_enable 0, hi5_enable 0, hi5_enter_recovery S, accid_on S, set_vbatt_4100 S,"
+           " vbatt_on S") +
+           seq(0, "!batt_supercap_conn 0"),
        -1},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.logLine);
-    clear();
+    restart();
     const double start = monotonic_seconds();
     EXPECT_EQ(row.call(wells[row.well], row.state, row.site), row.result);
     const double took = monotonic_seconds() - start;
     EXPECT_GE(took, row.pauses);
     EXPECT_LT(took, row.pauses + kSlack);
     ASSERT_FALSE(log.lines().empty());
-    EXPECT_EQ(log.lines().front(), row.logLine);
+    EXPECT_EQ(log.lines().front(), std::string("VELMORA: ") + row.logLine);
     expect_traffic(row.writes);
   }
-}
-
-TEST_F(Sequences, RefusedArgumentsSendAndLogNothing) {
-  for (Call call : {set_usb_power, set_battery_power, set_force_dfu, set_force_diags,
+  // Refused: a site below 1, a null handle. Nothing is logged or sent.
+  restart();
+  for (auto call : {set_usb_power, set_battery_power, set_force_dfu, set_force_diags,
                     set_force_iboot, set_dut_power}) {
     EXPECT_EQ(call(wells[0], 0, 0), -1);
     EXPECT_EQ(call(wells[1], 1, -3), -1);
@@ -384,68 +278,38 @@ TEST_F(Sequences, RefusedArgumentsSendAndLogNothing) {
   }
   EXPECT_EQ(set_dut_power_all(nullptr, 0), -1);
   EXPECT_TRUE(log.lines().empty());
-  expect_traffic({});
+  expect_boards({});
 }
 
-struct LedRow {
-  int well, state, site;
-  std::vector<std::string> logLines;  // the controller's own lines
-  Writes boardLines;                  // pauses unused: the board order is what counts
-};
-
-TEST_F(Sequences, LedStatesOnBothWells) {
-  const LedRow rows[] = {
+TEST_F(Sequences, LedStates) {
+  struct {
+    int well, state, site;
+    const char* name;  // the state line's word; none for a state out of range
+    Writes lines;
+  } const rows[] = {
       // OFF and INPROGRESS act on the well's run LED, through the well's first port.
-      {0,
-       0,
-       3,
-       {"VELMORA: set_led_state for UUT:3", "VELMORA: set_led_state for UUT:3, OFF"},
-       on(1, {{"run_led_off", 0}})},
-      {1,
-       0,
-       3,
-       {"VELMORA: set_led_state for UUT:7", "VELMORA: set_led_state for UUT:7, OFF"},
-       on(5, {{"run_led_off", 0}})},
-      {0,
-       1,
-       2,
-       {"VELMORA: set_led_state for UUT:2", "VELMORA: set_led_state for UUT:2, PASS"},
-       on(2, {{"fail_led_off", 0}, {"pass_led_on", 0}})},
-      {1,
-       1,
-       4,
-       {"VELMORA: set_led_state for UUT:8", "VELMORA: set_led_state for UUT:8, PASS"},
-       on(8, {{"fail_led_off", 0}, {"pass_led_on", 0}})},
-      {0,
-       2,
-       4,
-       {"VELMORA: set_led_state for UUT:4", "VELMORA: set_led_state for UUT:4, FAIL"},
-       on(4, {{"pass_led_off", 0}, {"fail_led_on", 0}})},
-      {1,
-       2,
-       1,
-       {"VELMORA: set_led_state for UUT:5", "VELMORA: set_led_state for UUT:5, FAIL"},
-       on(5, {{"pass_led_off", 0}, {"fail_led_on", 0}})},
-      {0,
-       3,
-       1,
-       {"VELMORA: set_led_state for UUT:1", "VELMORA: set_led_state for UUT:1, INPROGRESS"},
-       on(1, {{"run_led_on", 0}})},
-      {1,
-       3,
-       2,
-       {"VELMORA: set_led_state for UUT:6", "VELMORA: set_led_state for UUT:6, INPROGRESS"},
-       on(5, {{"run_led_on", 0}})},
-      {0, 7, 1, {"VELMORA: set_led_state for UUT:1"}, {}},
-      {1, 4, 2, {"VELMORA: set_led_state for UUT:6"}, {}},
-      {1, -1, 3, {"VELMORA: set_led_state for UUT:7"}, {}},
+      {0, 0, 3, "OFF", seq(1, "run_led_off 0")},
+      {1, 0, 3, "OFF", seq(5, "run_led_off 0")},
+      {0, 1, 2, "PASS", seq(2, "fail_led_off 0, pass_led_on 0")},
+      {1, 1, 4, "PASS", seq(8, "fail_led_off 0, pass_led_on 0")},
+      {0, 2, 4, "FAIL", seq(4, "pass_led_off 0, fail_led_on 0")},
+      {1, 2, 1, "FAIL", seq(5, "pass_led_off 0, fail_led_on 0")},
+      {0, 3, 1, "INPROGRESS", seq(1, "run_led_on 0")},
+      {1, 3, 2, "INPROGRESS", seq(5, "run_led_on 0")},
+      {0, 7, 1, nullptr, {}},
+      {1, 4, 2, nullptr, {}},
+      {1, -1, 3, nullptr, {}},
   };
-  for (const LedRow& row : rows) {
-    SCOPED_TRACE(row.logLines.front());
-    clear();
+  for (const auto& row : rows) {
+    const std::string line =
+        "VELMORA: set_led_state for UUT:" + std::to_string(row.site + 4 * row.well);
+    SCOPED_TRACE(line + " state " + std::to_string(row.state));
+    restart();
     EXPECT_EQ(set_led_state(wells[row.well], row.state, row.site), 0);
-    EXPECT_EQ(log.lines("VELMORA: set_led_state"), row.logLines);
-    expect_boards(row.boardLines);
+    std::vector<std::string> want = {line};
+    if (row.name) want.push_back(line + ", " + row.name);
+    EXPECT_EQ(log.lines("VELMORA: set_led_state"), want);
+    expect_boards(row.lines);
   }
   EXPECT_EQ(set_led_state(wells[0], 1, 0), -1);
   EXPECT_EQ(set_led_state(nullptr, 1, 1), -1);
@@ -455,7 +319,7 @@ TEST_F(Sequences, LedStatesOnBothWells) {
 TEST_F(Sequences, WellWideLeds) {
   const auto four = [](int first, const char* line) {
     Writes w;
-    for (int uut = first; uut < first + 4; ++uut) w = w + on(uut, {{line, S}});
+    for (int uut = first; uut < first + 4; ++uut) w = w + seq(uut, line);
     return w;
   };
   const std::string well1 = "VELMORA: set_led_state_all for WELL:1";
@@ -466,16 +330,16 @@ TEST_F(Sequences, WellWideLeds) {
     Writes lines;
     bool perUut;  // station writes with a pause before each, else the well's run LED
   } const rows[] = {
-      {1, 1, {well2}, four(5, "pass_led_on"), true},
+      {1, 1, {well2}, four(5, "pass_led_on S"), true},
       // Every state but OFF, PASS and INPROGRESS lights the fail LEDs.
-      {0, 5, {well1}, four(1, "fail_led_on"), true},
-      {1, -1, {well2}, four(5, "fail_led_on"), true},
-      {0, 0, {well1, well1 + ", OFF"}, on(1, {{"run_led_off", 0}}), false},
-      {1, 3, {well2, well2 + ", INPROGRESS"}, on(5, {{"run_led_on", 0}}), false},
+      {0, 5, {well1}, four(1, "fail_led_on S"), true},
+      {1, -1, {well2}, four(5, "fail_led_on S"), true},
+      {0, 0, {well1, well1 + ", OFF"}, seq(1, "run_led_off 0"), false},
+      {1, 3, {well2, well2 + ", INPROGRESS"}, seq(5, "run_led_on 0"), false},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.logLines.back());
-    clear();
+    restart();
     const double start = monotonic_seconds();
     EXPECT_EQ(set_led_state_all(wells[row.well], row.state), 0);
     if (row.perUut) {
@@ -492,40 +356,40 @@ TEST_F(Sequences, PressMovesAndOpen) {
     int (*call)(FixtureController*);
     int well;
     const char* logLine;
-    const char* command;
+    const char* line;
   } const moves[] = {
-      {fixture_engage, 0, "VELMORA: fixture_engage, WELL:1", "pne_down"},
-      {fixture_disengage, 1, "VELMORA: fixture_disengage, WELL:2", "pne_up"},
-      {fixture_close, 0, "VELMORA: fixture_close, WELL:1", "pne_in"},
+      {fixture_engage, 0, "VELMORA: fixture_engage, WELL:1", "pne_down 0"},
+      {fixture_disengage, 1, "VELMORA: fixture_disengage, WELL:2", "pne_up 0"},
+      {fixture_close, 0, "VELMORA: fixture_close, WELL:1", "pne_in 0"},
   };
   for (const auto& m : moves) {
     SCOPED_TRACE(m.logLine);
-    clear();
+    restart();
     EXPECT_EQ(m.call(wells[m.well]), 0);
     EXPECT_EQ(log.lines().front(), m.logLine);
     Writes everyPort;
-    for (int uut = 1; uut <= 4; ++uut)
-      everyPort = everyPort + on(uut + 4 * m.well, {{m.command, 0}});
+    for (int uut = 1; uut <= 4; ++uut) everyPort = everyPort + seq(uut + 4 * m.well, m.line);
     expect_boards(everyPort);
     EXPECT_EQ(m.call(nullptr), -1);
   }
 
-  // fixture_open: reset of the well's UUTs, 1.0 s, then the tray out on each of its ports.
-  clear();
+  // fixture_open: the well's UUTs reset, 1.0 s, then the tray out on each of its ports.
+  restart();
   EXPECT_EQ(fixture_open(wells[1]), 0);
   const auto lines = log.lines();
   ASSERT_GE(lines.size(), 2u);
   EXPECT_EQ(lines[0], "VELMORA: fixture_open, WELL:2");
   EXPECT_EQ(lines[1], "VELMORA: resetting controller INDEX:1");
-  expect_writes(on(5, {{"dfu_reset", S}}) + on(6, {{"dfu_reset", S}}) + on(7, {{"dfu_reset", S}}) +
-                on(8, {{"dfu_reset", 0}}));
+  expect_writes(seq(5, "dfu_reset S") + seq(6, "dfu_reset S") + seq(7, "dfu_reset S") +
+                seq(8, "dfu_reset 0"));
   Writes resetThenOut;
   for (int uut = 5; uut <= 8; ++uut)
-    resetThenOut = resetThenOut + on(uut, {{"dfu_reset", 0}, {"pne_out", 0}});
+    resetThenOut = resetThenOut + seq(uut, "dfu_reset 0, pne_out 0");
   expect_boards(resetThenOut);
-  // The tray moves no earlier than 1.0 s after the last reset, and 0.01 s before its first line.
-  EXPECT_GE(log.time_of("VELMORA: Successfully sent vel_pne_out") - log.writes().back().time,
-            1.0 + S);
+  // The board link waits 0.01 s before each tray line.
+  const auto trayOut = log.timed("VELMORA: Successfully sent vel_pne_out");
+  ASSERT_EQ(trayOut.size(), 4u);
+  EXPECT_GE(trayOut[0].first - log.writes().back().time, 1.0 + S);
   EXPECT_EQ(fixture_open(nullptr), -1);
 }
 
@@ -543,7 +407,7 @@ TEST_F(Sequences, PressStateFromTheStatusReply) {
       {is_fixture_open, "VELMORA: is_fixture_opened for WELL:2", false},
   };
   for (const auto& q : queries) {
-    clear();
+    restart();
     EXPECT_EQ(q.query(wells[1]), q.expected) << q.logLine;
     EXPECT_EQ(log.lines().front(), q.logLine);
     EXPECT_FALSE(q.query(nullptr));
@@ -555,8 +419,7 @@ TEST_F(Sequences, PressStateFromTheStatusReply) {
 TEST_F(Sequences, UnplugInTheMiddleStopsAtTheFirstFailure) {
   sim::Board& board = boards->site(8);
   std::thread unplug([&] {
-    // The first three lines are written before the 1.0 s pause after battery off.
-    board.wait_lines(3, 5.0);
+    board.wait_lines(3, 5.0);  // battery off: the 1.0 s pause has begun
     board.unplug();
   });
   const double start = monotonic_seconds();
@@ -565,8 +428,7 @@ TEST_F(Sequences, UnplugInTheMiddleStopsAtTheFirstFailure) {
   unplug.join();
   EXPECT_GE(took, 1.02);
   EXPECT_LT(took, 1.02 + kSlack);
-  expect_traffic(on(8, {{"vusb_off", S}, {"batt_supercap_disconn", S}, {"vbatt_off", 1.0}}) +
-                 failed(on(8, {{"uart_on", 0}})));
+  expect_traffic(seq(8, "vusb_off S, batt_supercap_disconn S, vbatt_off L, !uart_on 0"));
   EXPECT_EQ(log.lines().back(), "VELMORA: SOC_UART, UUT:8, Failed to write vel_uart_on\n");
 }
 
@@ -578,18 +440,19 @@ TEST_F(Sequences, InitStopsAtTheSecondUutsLed) {
   const auto lines = log.lines();
   EXPECT_EQ(lines.front(), "VELMORA: initialising controller INDEX:0");
   EXPECT_EQ(lines.back(), "VELMORA: SOC_PassLed, UUT:2, Failed to write vel_pass_led_off\n");
-  const auto press = [](int uut) {
-    return on(uut, {{"dfu_reset", 0}, {"pne_up", 0}, {"pne_out", 0}});
-  };
-  // The first UUT's LEDs go off; the second's pass LED fails; the later UUTs' stay untouched.
-  expect_boards(press(1) + on(1, {{"pass_led_off", 0}, {"fail_led_off", 0}}) + press(3) + press(4));
+  // The first UUT's LEDs go off, the second's pass LED fails, the later UUTs' stay untouched.
+  const char* press = "dfu_reset 0, pne_up 0, pne_out 0";
+  expect_boards(seq(1, press) + seq(1, "pass_led_off 0, fail_led_off 0") + seq(3, press) +
+                seq(4, press));
   // 3.0 s after the reset the press goes up, 2.0 s later the tray out (0.01 s before each line).
-  const double pressUp = log.time_of("VELMORA: Successfully sent vel_pne_up");
-  EXPECT_GE(pressUp - log.time_of("VELMORA: SOC_Reset, UUT:4", true), 3.0 + S);
-  EXPECT_GE(log.time_of("VELMORA: Successfully sent vel_pne_out") -
-                log.time_of("VELMORA: Successfully sent vel_pne_up", true),
-            2.0 + S);
-  clear();
+  const auto reset = log.timed("VELMORA: SOC_Reset, UUT:");
+  const auto up = log.timed("VELMORA: Successfully sent vel_pne_up");
+  const auto out = log.timed("VELMORA: Successfully sent vel_pne_out");
+  ASSERT_FALSE(reset.empty() || up.empty() || out.empty());
+  EXPECT_GE(up.front().first - reset.back().first, 3.0 + S);
+  EXPECT_GE(out.front().first - up.back().first, 2.0 + S);
+
+  restart();
   EXPECT_EQ(init(nullptr), -1);
   EXPECT_EQ(log.lines(), std::vector<std::string>{"VELMORA: init..., invalid controller."});
 }

@@ -1,0 +1,76 @@
+#include "platform/alert.h"
+
+#include <spawn.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+
+extern char** environ;
+
+namespace brakwell::platform {
+namespace {
+
+std::mutex sinkMutex;
+AlertSink sink = nullptr;
+void* sinkContext = nullptr;
+
+bool graphical_session() {
+  const char* x11 = std::getenv("DISPLAY");
+  const char* wayland = std::getenv("WAYLAND_DISPLAY");
+  return (x11 && *x11) || (wayland && *wayland);
+}
+
+// True when zenity ran and exited on its own (any button or the window closed); false when it
+// could not be started, so that the caller falls back to the text channels.
+bool show_dialog(const char* title, const char* message, const char* button) {
+  const std::string titleArg = std::string("--title=") + title;
+  const std::string textArg = std::string("--text=") + message;
+  const std::string buttonArg = std::string("--ok-label=") + button;
+  // --no-markup: the message is plain text, a device name must not be read as Pango markup.
+  const char* argv[] = {"zenity",        "--error",         "--no-markup", titleArg.c_str(),
+                        textArg.c_str(), buttonArg.c_str(), nullptr};
+  pid_t pid = 0;
+  if (posix_spawnp(&pid, "zenity", nullptr, nullptr, const_cast<char* const*>(argv), environ) !=
+      0) {
+    return false;
+  }
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return true;
+  }
+  // 127 and signals mean zenity never showed the dialog (no display connection, missing libs).
+  return WIFEXITED(status) && WEXITSTATUS(status) != 127 && WEXITSTATUS(status) != 255;
+}
+
+}  // namespace
+
+void alert(const char* title, const char* message, const char* button) {
+  title = title ? title : "";
+  message = message ? message : "";
+  button = button ? button : "";
+  {
+    std::lock_guard lock(sinkMutex);
+    if (sink) {
+      sink(title, message, button, sinkContext);
+      return;
+    }
+  }
+  if (graphical_session() && show_dialog(title, message, button)) return;
+  std::fprintf(stderr, "%s: %s\n", title, message);
+  std::fflush(stderr);
+  syslog(LOG_USER | LOG_NOTICE, "%s: %s", title, message);
+}
+
+void set_alert_sink(AlertSink newSink, void* context) {
+  std::lock_guard lock(sinkMutex);
+  sink = newSink;
+  sinkContext = context;
+}
+
+}  // namespace brakwell::platform

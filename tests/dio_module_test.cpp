@@ -1,0 +1,444 @@
+// The USB DIO module driver against virtual modules: opening and closing, the pipes and the
+// vendor request, a broken link, the register frames, the sensor debounce and the board id.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Brakwell.h"
+#include "dio.h"
+#include "platform/alert.h"
+#include "platform/sleep.h"
+#include "platform/usb_context.h"
+#include "support/log_capture.h"
+#include "usb/DIO.h"
+
+namespace {
+
+namespace dio = brakwell::dio;
+using Bytes = std::vector<uint8_t>;
+using Frames = std::vector<Bytes>;
+using brakwell::platform::monotonic_seconds;
+
+// One testbed for the whole program: the library's libusb context hears only the testbed that
+// was current when it was made.
+sim::Testbed* bed = nullptr;
+sim::UsbBus* bus = nullptr;
+
+class DioEnvironment : public ::testing::Environment {
+  void SetUp() override {
+    bed = new sim::Testbed;
+    bus = new sim::UsbBus(*bed);
+  }
+  void TearDown() override {
+    for (int m = 0; m < 2; ++m) dio::release_module(m);
+    brakwell::platform::usb::shutdown();
+    delete bus;
+    delete bed;
+  }
+};
+const auto* const environment = ::testing::AddGlobalTestEnvironment(new DioEnvironment);
+
+// libusb learns of arrivals and removals from uevents, a moment after they happen.
+bool wait_alive(int m, int want) {
+  for (int i = 0; i < 400 && USBDeviceAlive(m) != want; ++i)
+    brakwell::platform::sleep_seconds(0.005);
+  return USBDeviceAlive(m) == want;
+}
+
+Bytes write_frame(int r, uint8_t v) { return {0x04, 0x01, 0x00, static_cast<uint8_t>(r), v}; }
+
+struct Alert {
+  std::string title, message, button;
+  bool operator==(const Alert&) const = default;
+};
+
+class Dio : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(wait_alive(0, 0) && wait_alive(1, 0));
+    for (int m = 0; m < 2; ++m) {
+      dio::bDioOpened[m] = 0;
+      dio::sensorState[m] = 7;
+      std::fill(std::begin(dio::reg[m]), std::end(dio::reg[m]), 0);
+    }
+    brakwell::platform::set_alert_sink(
+        [](const char* t, const char* msg, const char* b, void* self) {
+          static_cast<Dio*>(self)->alerts.push_back({t, msg, b});
+        },
+        this);
+  }
+  void TearDown() override {
+    for (int m = 0; m < 2; ++m) {
+      if (modules[m] && !modules[m]->gone()) closeUSB(m);
+      unplug(m);
+    }
+    brakwell::platform::set_alert_sink(nullptr, nullptr);
+  }
+
+  sim::DioModule& plug(int m, uint8_t interfaceClass = 0) {
+    modules[m].emplace(*bus, m, interfaceClass);
+    EXPECT_TRUE(wait_alive(m, 1));
+    return *modules[m];
+  }
+  void unplug(int m) {
+    modules[m].reset();
+    EXPECT_TRUE(wait_alive(m, 0));
+  }
+  // Plugged, opened through the pipes layer and, when asked, through the register layer too;
+  // the record starts empty.
+  sim::DioModule& open(int m, bool registers = false) {
+    sim::DioModule& module = plug(m);
+    EXPECT_EQ(openUSB(m), 1);
+    EXPECT_NE(dio::g_intf[m], nullptr);
+    if (registers) {
+      EXPECT_EQ(dioOpen(m), 1);
+    }
+    module.clear_record();
+    log.clear();
+    return module;
+  }
+
+  std::optional<sim::DioModule> modules[2];
+  testing_support::LogCapture log;
+  std::vector<Alert> alerts;
+};
+
+TEST_F(Dio, OpenAndCloseLeaveCleanTables) {
+  plug(0);
+  EXPECT_EQ(openUSB(0), 1);
+  EXPECT_NE(dio::g_dev[0], nullptr);
+  ASSERT_NE(dio::g_intf[0], nullptr);
+  EXPECT_EQ(dio::g_numPipes[0], 2);
+  EXPECT_EQ(dio::g_intf[0]->endpoints[0], 0x81);
+  EXPECT_EQ(dio::g_intf[0]->endpoints[1], 0x02);
+  EXPECT_EQ(closeUSB(0), 0);
+  EXPECT_EQ(dio::g_dev[0], nullptr);
+  EXPECT_EQ(dio::g_intf[0], nullptr);
+  EXPECT_EQ(dio::g_iterator[0], nullptr);
+  EXPECT_EQ(dio::g_usbDeviceRef[0], nullptr);
+  EXPECT_EQ(dio::masterPort, nullptr);
+  EXPECT_TRUE(log.stdout_lines().empty());
+  EXPECT_TRUE(log.syslog().empty());
+}
+
+TEST_F(Dio, SecondModuleMatchesDf02Only) {
+  plug(0);
+  EXPECT_EQ(openUSB(1), 0);
+  EXPECT_EQ(dio::g_dev[1], nullptr);
+  EXPECT_EQ(dio::g_iterator[1], nullptr);
+  EXPECT_EQ(openUSB(2), 0);
+  EXPECT_EQ(openUSB(-1), 0);
+  sim::DioModule& second = plug(1);
+  ASSERT_EQ(openUSB(1), 1);
+  const unsigned char frame[] = {0x02, 0x03, 0x02};
+  EXPECT_EQ(writeToEndpt(1, 1, frame, 3), 1);
+  EXPECT_EQ(second.frames(), (Frames{{0x02, 0x03, 0x02}}));
+  EXPECT_TRUE(modules[0]->frames().empty());
+}
+
+TEST_F(Dio, OpenFailuresPrintTheirTexts) {
+  // No class-0 interface: the device opens, no interface does, and the pipes stay silent.
+  sim::DioModule& vendorClass = plug(0, 0xff);
+  EXPECT_EQ(openUSB(0), 1);
+  EXPECT_NE(dio::g_dev[0], nullptr);
+  EXPECT_EQ(dio::g_intf[0], nullptr);
+  const unsigned char frame[] = {0x02, 0x03, 0x03};
+  EXPECT_EQ(writeToEndpt(0, 1, frame, 3), 0);
+  EXPECT_EQ(vendorClass.transfers(), 0u);
+  EXPECT_TRUE(alerts.empty());
+  closeUSB(0);
+  unplug(0);
+
+  // The device node is gone though the device is still listed: no handle can be made.
+  sim::DioModule& noNode = plug(0);
+  ASSERT_EQ(unlink((bed->root() + noNode.usb().devnode()).c_str()), 0);
+  EXPECT_EQ(openUSB(0), 1);
+  EXPECT_EQ(dio::g_dev[0], nullptr);
+  dealWithDevice(0, nullptr);
+  dealWithInterface(0, nullptr);
+  libusb_interface_descriptor interface {};
+  dealWithInterface(0, &interface);
+  EXPECT_EQ(
+      log.stdout_lines(),
+      (std::vector<std::string>{
+          "dealWithDevice: unable to create a device interface. ret = fffffffc, dev = (nil)\n",
+          "dealWithDevice: unable to create plugin. ret = fffffffe, iodev = (nil)\n",
+          "dealWithInterface: unable to create plugin. ret = fffffffe, iodev = (nil)\n",
+          "dealWithInterface: unable to create a device interface. ret = fffffffc, intf = "
+          "(nil)\n"}));
+}
+
+TEST_F(Dio, CloseKeepsTheTablesOfAModuleThatLeft) {
+  open(0).vanish();
+  ASSERT_TRUE(wait_alive(0, 0));
+  libusb_device_handle* const device = dio::g_dev[0];
+  EXPECT_EQ(closeUSB(0), 0);
+  EXPECT_EQ(dio::g_dev[0], device);
+  EXPECT_NE(dio::g_intf[0], nullptr);
+  unplug(0);
+  sim::DioModule& again = open(0);  // a fresh open replaces what was kept
+  const unsigned char frame[] = {0x02, 0x03, 0x02};
+  EXPECT_EQ(writeToEndpt(0, 1, frame, 3), 1);
+  EXPECT_EQ(again.frames(), (Frames{{0x02, 0x03, 0x02}}));
+}
+
+TEST_F(Dio, PipesReadTenBytesAndCheckTheChannel) {
+  sim::DioModule& module = open(0);
+  unsigned char buffer[64] = {};
+  EXPECT_EQ(readFromEndpt(0, 1, buffer, 64), 1);
+  EXPECT_EQ(readFromEndpt(0, 1, buffer, 1), 1);
+  EXPECT_EQ(module.read_lengths(), (std::vector<size_t>{10, 10}));
+  EXPECT_EQ(writeToEndpt(0, 0, buffer, 3), 0);    // no channel 0
+  EXPECT_EQ(readFromEndpt(0, 2, buffer, 10), 0);  // pipe 3 does not exist
+  EXPECT_EQ(readFromEndpt(0, 1, nullptr, 10), 0);
+  EXPECT_EQ(module.transfers(), 2u);
+  EXPECT_TRUE(log.syslog().empty());
+  EXPECT_TRUE(alerts.empty());
+}
+
+TEST_F(Dio, VendorRequestBytes) {
+  EXPECT_EQ(vendorRequest(0, 1), 0);
+  sim::DioModule& module = open(0);
+  EXPECT_EQ(vendorRequest(0, 0x12345678), 1);
+  const auto requests = module.vendor_requests();
+  ASSERT_EQ(requests.size(), 1u);
+  const sim::UsbSetup& s = requests[0].setup;
+  EXPECT_EQ((std::vector<int>{s.bmRequestType, s.bRequest, s.wValue, s.wIndex, s.wLength}),
+            (std::vector<int>{0x40, 0x0C, 0, 0x0471, 4}));
+  EXPECT_EQ(requests[0].data, (Bytes{0x78, 0x56, 0x34, 0x12}));
+  module.vanish();
+  ASSERT_TRUE(wait_alive(0, 0));
+  EXPECT_EQ(vendorRequest(0, 1), 0);
+  EXPECT_EQ(log.syslog(),
+            (std::vector<std::string>{"VELMORA: vendorRequest returned err 0xfffffffc"}));
+}
+
+// A module that leaves in the middle of a write, then of a read: one log line, one alert, the
+// interface dropped; later calls fail at once without a transfer.
+TEST_F(Dio, BrokenLinkAlertsOnceAndSilencesThePipes) {
+  struct Case {
+    size_t failingTransfer;  // of the status command: 1 the write, 2 the read
+    const char* line;
+  } cases[] = {
+      {1, "VELMORA: USB Write: unable to do usb write to pipe2. Error Code: ffffffff\n"},
+      {2, "VELMORA: USB Read: unable to do usb read to pipe1. Error Code: ffffffff\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.line);
+    sim::DioModule& module = open(0, true);
+    alerts.clear();
+    dio::reg[0][2] = 0x33;
+    module.vanish_at_transfer(c.failingTransfer);
+    uint32_t status = 7;
+    EXPECT_EQ(dioStatus(0, &status), 0);
+    EXPECT_EQ(status, 0u);
+    EXPECT_EQ(dio::g_intf[0], nullptr);
+    module.vanish();
+    const size_t transfers = module.transfers();
+    const double start = monotonic_seconds();
+    unsigned char buffer[10] = {};
+    EXPECT_EQ(readFromEndpt(0, 1, buffer, 10), 0);
+    EXPECT_EQ(writeToEndpt(0, 1, buffer, 3), 0);
+    EXPECT_EQ(dioWrite(0, 2, "0x44"), 0);
+    EXPECT_LT(monotonic_seconds() - start, 0.05);
+    EXPECT_EQ(dio::reg[0][2], 0x33);
+    EXPECT_EQ(module.transfers(), transfers);
+    EXPECT_EQ(log.syslog(), std::vector<std::string>{c.line});
+    EXPECT_EQ(alerts, (std::vector<Alert>{
+                          {"USB Error", "USB Connection to DFU DIO_01 Module is broken!", "OK"}}));
+    unplug(0);
+  }
+}
+
+TEST_F(Dio, AsyncReadCallbacksLogAndFlag) {
+  const int second = 1;
+  readTimerHandler(nullptr, &second);
+  readTimerHandler(nullptr, nullptr);
+  readCompletion(nullptr, 0);
+  readCompletion(nullptr, static_cast<int>(0xe00002d6));
+  EXPECT_EQ(log.syslog(),
+            (std::vector<std::string>{"VELMORA: USBDIO_02 Read Timeout! readTimerHandler invoked!",
+                                      "VELMORA: USB readCompletion: error from async read "
+                                      "(e00002d6)\n"}));
+  EXPECT_EQ(dio::g_bReadError[1], 1);
+  plug(1);
+  openUSB(1);
+  EXPECT_EQ(dio::g_bReadError[1], 0);
+}
+
+TEST(DioAlert, WithoutSessionGoesToStandardError) {
+  unsetenv("DISPLAY");
+  unsetenv("WAYLAND_DISPLAY");
+  ::testing::internal::CaptureStderr();
+  brakwell::platform::alert("USB Error", "USB Connection to DFU DIO_01 Module is broken!", "OK");
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+            "USB Error: USB Connection to DFU DIO_01 Module is broken!\n");
+}
+
+TEST_F(Dio, RegisterFramesOpenReadStatusClose) {
+  sim::DioModule& module = plug(0);
+  ASSERT_EQ(openUSB(0), 1);
+  module.set_register(5, 0x5a);
+  ASSERT_EQ(dioOpen(0), 1);
+  Frames rest;
+  for (int r = 1; r <= 13; ++r) rest.push_back(write_frame(r, r == 11 || r == 13 ? 0xff : 0));
+  Frames opening{{0x02, 0x03, 0x03}, write_frame(0, 0x01)};
+  opening.insert(opening.end(), rest.begin(), rest.end());
+  EXPECT_EQ(module.frames(), opening);
+  EXPECT_EQ(module.read_lengths(), std::vector<size_t>{10});  // the reset's reply
+  EXPECT_EQ(dio::bDioOpened[0], 1);
+
+  module.clear_record();
+  module.set_register(5, 0x5a);
+  module.script_status({0x47});
+  uint32_t value = 0;
+  EXPECT_EQ(dioRead(0, 5, &value), 1);
+  EXPECT_EQ(value, 0x5au);
+  EXPECT_EQ(dioStatus(0, &value), 1);
+  EXPECT_EQ(value, 0x47u);
+  dioClose(0);
+  Frames after{{0x04, 0x01, 0x01, 0x05}, {0x02, 0x03, 0x02}};
+  after.insert(after.end(), rest.begin(), rest.end());
+  EXPECT_EQ(module.frames(), after);
+  EXPECT_EQ(dio::bDioOpened[0], 0);
+  EXPECT_TRUE(log.syslog().empty());
+}
+
+TEST_F(Dio, NothingSentBeforeOpenOrToAThirdModule) {
+  sim::DioModule& module = plug(0);
+  ASSERT_EQ(openUSB(0), 1);
+  uint32_t value = 0xdead;
+  EXPECT_EQ(dioRead(0, 1, &value), 0);
+  EXPECT_EQ(value, 0u);
+  EXPECT_EQ(dioOpen(2), 0);
+  EXPECT_EQ(dioOpen(-1), 0);
+  EXPECT_EQ(module.transfers(), 0u);
+}
+
+TEST_F(Dio, WriteTexts) {
+  sim::DioModule& module = open(0);
+  struct Case {
+    const char* text;
+    uint8_t shadow;
+    int sent;  // -1: nothing sent, result 0
+  } cases[] = {
+      {"11110000", 0x0f, 0xf0}, {"1x0xxxxx", 0x25, 0x85}, {"xxxxxxxx", 0x5a, 0x5a},
+      {"511", 0, 0xff},         {"0x1FF", 0, -1},         {"12345", 0, -1},
+      {"1010101", 0, -1},       {"101010101", 0, -1},     {"010", 0, 10},
+      {"0xFF", 0, 0xff},        {"255", 0, 0xff},         {"0x01", 0, 0x01},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    module.clear_record();
+    dio::reg[0][2] = c.shadow;
+    EXPECT_EQ(dioWrite(0, 2, c.text), c.sent >= 0 ? 1 : 0);
+    EXPECT_EQ(module.frames(), c.sent >= 0 ? Frames{write_frame(2, c.sent)} : Frames{});
+    EXPECT_EQ(dio::reg[0][2], c.sent >= 0 ? c.sent : c.shadow);
+  }
+  EXPECT_EQ(dioWrite(0, 16, "0x01"), 0);
+  EXPECT_EQ(dioWrite(0, 2, nullptr), 0);
+}
+
+TEST(DioStrToInt, Forms) {
+  const std::pair<const char*, long> cases[] = {
+      {"0x1F", 31}, {"0X1f", 31}, {"0x", 0},  {"010", 10}, {"12ab", 12},
+      {"-5", -5},   {"0xZZ", 0},  {"x10", 0}, {"", 0},     {nullptr, 0},
+  };
+  for (const auto& [text, want] : cases) EXPECT_EQ(strToInt(text), want) << (text ? text : "null");
+}
+
+TEST_F(Dio, SecondResetSkipsRegisters1_3And10) {
+  sim::DioModule& module = open(0);
+  for (int r : {1, 3, 10}) dio::reg[0][r] = 0x77;
+  resetAllRegisters2(0);
+  Frames want;
+  for (int r : {2, 4, 5, 6, 7, 8, 9, 11, 12, 13}) {
+    want.push_back(write_frame(r, r == 11 || r == 13 ? 0xff : 0));
+  }
+  EXPECT_EQ(module.frames(), want);
+  for (int r : {1, 3, 10}) EXPECT_EQ(dio::reg[0][r], 0x77);
+}
+
+TEST_F(Dio, SensorDebounce) {
+  struct Case {
+    const char* name;
+    int module;
+    Bytes status;
+    int result;
+    uint32_t sensors;
+    size_t reads;
+    std::vector<std::string> log;
+  } cases[] = {
+      {"steady", 0, {0x47}, 1, 0x07, 5, {}},
+      {"one glitch", 0, {0x07, 0x03, 0x07}, 1, 0x07, 6, {}},
+      {"bouncing",
+       0,
+       {0x05, 0x06, 0x05, 0x05, 0x05, 0x06, 0x05, 0x05, 0x05, 0x06, 0x05, 0x05, 0x05, 0x06},
+       0,
+       0xff,
+       13,
+       {"VELMORA: Left Well Sensor state changed, rdData: 0x5"}},
+      {"settles late",
+       1,
+       {0x01, 0x02},
+       0,
+       0xff,
+       13,
+       {"VELMORA: Right Well Sensor state changed, rdData: 0x1"}},
+      {"taken up next time",
+       1,
+       {0x02},
+       1,
+       0x02,
+       5,
+       {"VELMORA: Right Well Sensor state changed, rdData: 0x2"}},
+  };
+  open(0, true);
+  open(1, true);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    sim::DioModule& module = *modules[c.module];
+    module.script_status(c.status);
+    log.clear();
+    uint32_t sensors = 0;
+    EXPECT_EQ(dioReadSensor(c.module, &sensors), c.result);
+    EXPECT_EQ(sensors, c.sensors);
+    const auto times = module.status_times();
+    ASSERT_EQ(times.size(), c.reads);
+    const double span = times.back() - times.front();
+    EXPECT_GE(span, 0.001 * static_cast<double>(c.reads - 1));
+    EXPECT_LT(span, 1.0);
+    EXPECT_EQ(log.syslog(), c.log);
+  }
+}
+
+TEST_F(Dio, BoardId) {
+  struct Case {
+    Bytes status;
+    bool opened;
+    bool result;
+    uint32_t id;
+    size_t reads;
+  } cases[] = {
+      {{0xa3, 0xa3}, true, true, 10, 2}, {{0xf0}, true, false, 15, 1},
+      {{0x03}, true, false, 0, 1},       {{0xa3, 0xb3}, true, false, 10, 2},
+      {{0xa3}, false, false, 255, 0},
+  };
+  sim::DioModule& module = open(0, true);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.status[0] + 256 * c.opened);
+    module.script_status(c.status);
+    dio::bDioOpened[0] = c.opened;
+    uint32_t id = 0;
+    EXPECT_EQ(SOC_BoardID(0, &id), c.result);
+    EXPECT_EQ(id, c.id);
+    EXPECT_EQ(module.status_reads(), c.reads);
+  }
+  EXPECT_FALSE(SOC_BoardID(0, nullptr));
+}
+
+}  // namespace

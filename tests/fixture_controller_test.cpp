@@ -8,7 +8,7 @@
 #include <string>
 
 #include "Brakwell.h"
-#include "boards.h"
+#include "fixture.h"
 #include "fixture/Brakwell.h"
 #include "support/log_capture.h"
 
@@ -18,15 +18,14 @@ using testing_support::LogCapture;
 
 class Controller : public ::testing::Test {
  protected:
+  // Both wells with their boards and USB devices, so that the station start counts two wells.
   static void SetUpTestSuite() {
-    bed = new sim::Testbed;
-    boards = new sim::Boards(*bed);
-    boards->add_sites(1, 8);
+    sim::FixtureOptions options;
+    options.dioModules.clear();
+    fixture = new sim::Fixture(options);
+    boards = &fixture->boards();
   }
-  static void TearDownTestSuite() {
-    delete boards;
-    delete bed;
-  }
+  static void TearDownTestSuite() { delete fixture; }
   void SetUp() override {
     for (sim::Board* board : boards->all()) board->clear();
   }
@@ -41,7 +40,7 @@ class Controller : public ::testing::Test {
     for (sim::Board* board : boards->all()) EXPECT_EQ(board->received(), "") << board->site();
   }
 
-  static inline sim::Testbed* bed;
+  static inline sim::Fixture* fixture;
   static inline sim::Boards* boards;
   LogCapture log;
 };
@@ -51,15 +50,14 @@ TEST_F(Controller, CreateRecordsTheStationAndRelease) {
   FixtureController* h = create_fixture_controller(7);
   ASSERT_NE(h, nullptr);
   EXPECT_EQ(log.syslog().front(), "VELMORA: create_fixture_controller, index is 7");
+  EXPECT_EQ(g_WellNumber, 2u);
   EXPECT_EQ(h->index, 7);
-  EXPECT_EQ(h->wellCount, static_cast<int32_t>(g_WellNumber));
+  EXPECT_EQ(h->siteCount, 8);
+  EXPECT_EQ(h->wellCount, 2);
   EXPECT_EQ(h->boardCode, 4);
-  if (g_WellNumber == 1 || g_WellNumber == 2) {
-    EXPECT_EQ(h->siteCount, 4 * int(g_WellNumber));
-  }
   log.clear();
-  EXPECT_EQ(get_actuator_count(h), static_cast<int>(g_WellNumber));
-  EXPECT_EQ(get_site_count(h), h->siteCount);
+  EXPECT_EQ(get_actuator_count(h), 2);
+  EXPECT_EQ(get_site_count(h), 8);
   release_fixture_controller(h);
   EXPECT_EQ(log.syslog(),
             (std::vector<std::string>{"VELMORA: get_actuator_count for controller INDEX:7",

@@ -8,12 +8,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "fixture.h"
@@ -306,6 +308,8 @@ int main(int argc, char** argv) {
     }
     fixture.start();
     status = run(settings.program);
+    // The program's last lines may still be on their way through the pseudo-terminals.
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
 
     trace.reset();
     bool vcdWritten = true;

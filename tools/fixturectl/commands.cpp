@@ -113,9 +113,10 @@ int cmd_status(Context& ctx, const Args& args) {
 int cmd_power(Context& ctx, const Args& args) {
   expect_count(args, 2, 2);
   const bool on = parse_on_off(args[0]);
+  const int site = args[1] == "all" ? 0 : parse_site(args[1]);
   Json& r = ctx.out.result();
   r["power"] = on ? "on" : "off";
-  if (args[1] == "all") {
+  if (!site) {
     FixtureController* h = ctx.controller(ctx.well);
     r["well"] = ctx.well + 1;
     // Powering a well off is the boards' reset line, site by site.
@@ -124,7 +125,6 @@ int cmd_power(Context& ctx, const Args& args) {
       fail(kFailed, std::string("power ") + args[0] + " failed on well " + well_name(ctx.well));
     return kOk;
   }
-  const int site = parse_site(args[1]);
   int s = 0;
   FixtureController* h = ctx.controller_for_site(site, &s);
   ctx.require_site_port(site);

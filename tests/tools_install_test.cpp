@@ -1,0 +1,108 @@
+// The installed tree: a small C host builds against it through pkg-config and through
+// find_package(Brakwell), and runs inside the installed fixturesim.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "tools_support.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using tools_test::run;
+
+const char* kHost = R"(#include <Brakwell.h>
+#include <stdio.h>
+
+int main(void) {
+  char version[32];
+  FixtureController *h = create_fixture_controller(0);
+  int sites = get_site_count(h);
+  int led = set_led_state(h, 1, 1);
+  int lib = SOC_LibVersion(version, sizeof version);
+  printf("%s|%s|%d|%d\n", get_vendor(), lib ? version : "?", sites, led);
+  release_fixture_controller(h);
+  return sites == 8 && led == 0 ? 0 : 1;
+}
+)";
+
+const char* kProject = R"(cmake_minimum_required(VERSION 3.16)
+project(host C)
+find_package(Brakwell 4.1 REQUIRED)
+add_executable(host host.c)
+target_link_libraries(host PRIVATE Brakwell::Brakwell)
+)";
+
+void write(const std::string& path, const char* text) { std::ofstream(path) << text; }
+
+std::string find_one(const fs::path& root, const std::string& name) {
+  for (const auto& e : fs::recursive_directory_iterator(root)) {
+    if (e.path().filename() == name) return e.path().string();
+  }
+  return "";
+}
+
+TEST(Install, HostBuildsAgainstTheInstalledTreeAndRunsInTheFixture) {
+  tools_test::ScratchDir dir;
+  const std::string prefix = dir / "prefix";
+  const auto install = run({"cmake", "--install", BRAKWELL_BINARY_DIR, "--prefix", prefix});
+  ASSERT_EQ(install.status, 0) << install.out << install.err;
+
+  for (const char* file : {"include/Brakwell.h", "bin/fixturesim", "bin/fixturectl",
+                           "lib/udev/rules.d/70-brakwell.rules"}) {
+    EXPECT_TRUE(fs::exists(fs::path(prefix) / file)) << file;
+  }
+  const std::string pc = find_one(prefix, "brakwell.pc");
+  const std::string config = find_one(prefix, "BrakwellConfig.cmake");
+  const std::string soname = find_one(prefix, "libBrakwell.so.4");
+  ASSERT_FALSE(pc.empty());
+  ASSERT_FALSE(config.empty());
+  ASSERT_FALSE(soname.empty());
+  EXPECT_TRUE(fs::is_symlink(soname));
+  EXPECT_TRUE(fs::exists(fs::path(soname).parent_path() / "libBrakwell.so"));
+  const std::string libdir = fs::path(soname).parent_path().string();
+
+  // Through pkg-config, from a tree that was moved after installing.
+  const std::string moved = dir / "moved";
+  fs::rename(prefix, moved);
+  const std::string movedPc = find_one(moved, "brakwell.pc");
+  write(dir / "host.c", kHost);
+  const auto flags = run({"pkg-config", "--cflags", "--libs", "brakwell"},
+                         {"PKG_CONFIG_PATH=" + fs::path(movedPc).parent_path().string()});
+  ASSERT_EQ(flags.status, 0) << flags.err;
+  EXPECT_TRUE(flags.out.find("-I" + moved) != std::string::npos) << flags.out;
+  const auto cc =
+      run({"sh", "-c",
+           "cc -std=c99 -Wall -Werror host.c " + flags.out.substr(0, flags.out.find('\n')) +
+               " -Wl,-rpath," + libdir + " -o host-pc"},
+          {}, 120, dir.path());
+  ASSERT_EQ(cc.status, 0) << cc.err;
+  fs::rename(moved, prefix);
+
+  // Through find_package.
+  fs::create_directory(dir / "project");
+  write(dir / "project/host.c", kHost);
+  write(dir / "project/CMakeLists.txt", kProject);
+  const auto configure = run({"cmake", "-S", dir / "project", "-B", dir / "project/build",
+                              "-DCMAKE_PREFIX_PATH=" + prefix});
+  ASSERT_EQ(configure.status, 0) << configure.out << configure.err;
+  const auto build = run({"cmake", "--build", dir / "project/build"});
+  ASSERT_EQ(build.status, 0) << build.out << build.err;
+
+  // Both hosts, and the installed fixturectl, run inside the installed fixturesim.
+  const std::string sim = prefix + "/bin/fixturesim";
+  for (const std::string& host : {dir / "host-pc", dir / "project/build/host"}) {
+    const std::string trace = host + ".trace";
+    const auto ran = run({sim, "--quiet", "--trace", trace, "--", host});
+    EXPECT_EQ(ran.status, 0) << host << ran.err;
+    EXPECT_EQ(ran.out, "Velmora Technologies|Velmora Lumbrix 4.01|8|0\n") << host;
+    EXPECT_NE(tools_test::read_file(trace).find("site1     < vel_pass_led_on"), std::string::npos)
+        << host;
+  }
+  const auto ctl = run({sim, "--quiet", "--", prefix + "/bin/fixturectl", "--json", "start"});
+  EXPECT_EQ(ctl.status, 0) << ctl.err;
+  EXPECT_NE(ctl.out.find("\"slots\":8"), std::string::npos) << ctl.out;
+}
+
+}  // namespace

@@ -5,6 +5,7 @@
 #include <linux/uinput.h>
 // clang-format on
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -57,8 +58,10 @@ gboolean Keyboard::on_ioctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, Key
   } else if (request == UI_SET_KEYBIT) {
     // The argument is the key code itself, not a pointer.
     std::lock_guard lock(self->mutex_);
-    self->enabledKeys_.push_back(
-        static_cast<int>(umockdev_ioctl_client_get_arg(client)->client_addr));
+    UMockdevIoctlData* arg = umockdev_ioctl_client_get_arg(client);
+    long code = 0;
+    std::memcpy(&code, arg->data, std::min<size_t>(sizeof code, arg->data_len));
+    self->enabledKeys_.push_back(static_cast<int>(code));
   } else if (request == UI_DEV_CREATE) {
     std::lock_guard lock(self->mutex_);
     ++self->created_;

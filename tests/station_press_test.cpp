@@ -1,0 +1,350 @@
+// The pneumatic press, the operator buttons and sensors, and the Run key chord: the press cycle
+// against scripted statuses and against the well model with an operator, its time limits, the
+// truth rules of every status test, and the events on the virtual keyboard.
+#include <gtest/gtest.h>
+#include <linux/input-event-codes.h>
+
+#include <cmath>
+#include <cstring>
+#include <future>
+
+#include "Brakwell.h"
+#include "boards.h"
+#include "keyboard.h"
+#include "platform/sleep.h"
+#include "support/log_capture.h"
+#include "topology.h"
+#include "well.h"
+
+namespace {
+
+using brakwell::platform::monotonic_seconds;
+using Lines = std::vector<std::string>;
+
+constexpr const char* kQuery = "vel_fixture_status\n";
+
+std::string reply(int status) {
+  if (status < 0) return "garbled\n";  // no "=" and no marker: no answer
+  std::string bits;
+  for (int bit = 5; bit >= 0; --bit) bits += (status >> bit) & 1 ? '1' : '0';
+  return "vel_fixture_status=" + bits + " l_sw\n";
+}
+std::vector<std::string> replies(std::initializer_list<int> statuses) {
+  std::vector<std::string> out;
+  for (int s : statuses) out.push_back(reply(s));
+  return out;
+}
+
+class Press : public ::testing::Test {
+ protected:
+  // The boards of sites 1 and 5 carry the two wells' press commands and queries. The testbed
+  // and the keyboard live as long as the program: the library keeps its keyboard open.
+  static void SetUpTestSuite() {
+    if (bed) return;
+    bed = new sim::Testbed;
+    keyboard = new sim::Keyboard(*bed);
+    boards = new sim::Boards(*bed);
+    for (int site : {1, 5}) {
+      boards->add_site(site);
+      std::strcpy(DIO_UUTSerialDevice[site - 1], sim::board_link(site).c_str());
+      ASSERT_TRUE(openDIO_UARTForWell1(site - 1));
+    }
+  }
+  void SetUp() override {
+    g_WellNumber = 2;
+    for (int site : {1, 5}) {
+      boards->site(site).set_responder(nullptr);
+      boards->site(site).clear();
+    }
+    keyboard->clear();
+    log.clear();
+  }
+  static sim::Board& site(int n) { return boards->site(n); }
+  // The lines a site received, waiting a moment for the last ones.
+  static Lines wire(int n, size_t atLeast = 0) {
+    site(n).wait_lines(atLeast, 2.0);
+    Lines out;
+    for (const auto& line : site(n).lines()) out.push_back(line.text);
+    return out;
+  }
+  static size_t queries(int n) {
+    const Lines all = wire(n);
+    return static_cast<size_t>(std::count(all.begin(), all.end(), kQuery));
+  }
+
+  static inline sim::Testbed* bed;
+  static inline sim::Keyboard* keyboard;
+  static inline sim::Boards* boards;
+  testing_support::LogCapture log;
+};
+
+// The log of one poll that read `status` on well 1 (port 0), up to the state's waiting line.
+Lines poll_log(int status, const char* waiting) {
+  Lines out{"VELMORA: queryFixtureStatusForWell1, query fixture 1 with vel_fixture_status\n"};
+  if (status >= 0)
+    out.push_back("VELMORA: queryFixtureStatusForWell1 UUT:1, result:" + std::to_string(status));
+  char rd[80];
+  std::snprintf(rd, sizeof rd, "VELMORA: SOC_PneumaticValveOn WELL:1, rd is 0x%x", status);
+  out.push_back(rd);
+  if (status >= 0) out.push_back(std::string("VELMORA: SOC_PneumaticValveOn WELL:1, ") + waiting);
+  return out;
+}
+
+TEST_F(Press, CycleThroughEveryStateWithScriptedStatuses) {
+  site(1).script_status(replies({20, 20, 36, -1, 36, 40, 40, 43}));
+  const double start = monotonic_seconds();
+  EXPECT_TRUE(SOC_PneumaticValveOn(0, 0));
+  const double took = monotonic_seconds() - start;
+  EXPECT_EQ(wire(1, 12),
+            (Lines{kQuery, "vel_pne_in\n", kQuery, "vel_pne_in\n", kQuery, "vel_pne_down\n", kQuery,
+                   kQuery, kQuery, "vel_run_led_on\n", kQuery, kQuery}));
+  const char* down = "Waiting for both button down";
+  const char* lowering = "Waiting for UUT in position or any button released";
+  const char* released = "Waiting for both buttons released";
+  Lines want{"VELMORA: SOC_PneumaticValveOn WELL:1"};
+  for (const auto& [status, waiting] : std::vector<std::pair<int, const char*>>{
+           {20, down}, {20, down}, {36, down}, {-1, ""}, {36, lowering}, {40, lowering}}) {
+    for (auto& line : poll_log(status, waiting)) want.push_back(line);
+  }
+  for (const char* line : {"VELMORA: SOC_PneumaticValveOn WELL:1, UUT in position",
+                           "Left Well  Upper plate pressed down to the bottom!",
+                           "VELMORA: Successfully turned ON Run Led for UUT:1"}) {
+    want.push_back(line);
+  }
+  for (int status : {40, 43}) {
+    for (auto& line : poll_log(status, released)) want.push_back(line);
+  }
+  want.push_back("Left Well  Both button released!");
+  EXPECT_EQ(log.syslog(), want);
+  // Eight polls of a query's 0.3 s and the 0.1 s pause, the last one without its pause.
+  EXPECT_GE(took, 8 * 0.3 + 7 * 0.1);
+}
+
+TEST_F(Press, ButtonLetGoWhileLoweringSendsThePlateBack) {
+  site(1).script_status(replies({36, 37, 24}));
+  EXPECT_TRUE(SOC_PneumaticValveOn(0, 0));
+  EXPECT_EQ(wire(1, 7), (Lines{kQuery, "vel_pne_down\n", kQuery, "vel_pne_up\n", "vel_pne_out\n",
+                               kQuery, "vel_run_led_on\n"}));
+  const auto lines = site(1).lines();
+  // 0.2 s between up and out; arrival times may carry a little of the reader's jitter.
+  EXPECT_GE(lines[4].time - lines[3].time, 0.2 - 0.01);
+  // 24 while waiting for both buttons ends the cycle at once, after the waiting line.
+  const Lines all = log.syslog();
+  EXPECT_EQ(Lines(all.end() - 2, all.end()),
+            (Lines{"VELMORA: SOC_PneumaticValveOn WELL:1, Waiting for both button down",
+                   "VELMORA: Successfully turned ON Run Led for UUT:1"}));
+}
+
+TEST_F(Press, OtherWellsPollPortFourButTwoLightsTheFirstWellsLed) {
+  site(5).script_status(replies({24}));
+  EXPECT_TRUE(SOC_PneumaticValveOn(2, 0));
+  EXPECT_EQ(wire(5, 1), Lines{kQuery});
+  EXPECT_EQ(wire(1, 1), Lines{"vel_run_led_on\n"});
+  EXPECT_TRUE(log.has("VELMORA: SOC_PneumaticValveOn WELL:3, rd is 0x18"));
+  EXPECT_TRUE(log.has("VELMORA: queryFixtureStatusForWell2 UUT:5, result:24"));
+}
+
+TEST_F(Press, TimeLimits) {
+  const struct {
+    float limit;
+    bool closedPort;
+    size_t polls;  // queries that reached the board
+    double least, most;
+  } cases[] = {
+      {1.0f, false, 3, 1.2, 2.5},  // about 0.4 s a poll: false after the third
+      {-1.0f, false, 1, 0.4, 1.5},
+      {NAN, false, 1, 0.4, 1.5},
+      {1.0f, true, 0, 1.0, 2.5},  // each poll is only the 0.1 s pause
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.limit) + (c.closedPort ? " closed" : " open"));
+    SetUp();
+    site(1).script_status(replies({23}));
+    const int fd = DIO_fileDescriptor[0];
+    if (c.closedPort) DIO_fileDescriptor[0] = -1;
+    const double start = monotonic_seconds();
+    EXPECT_FALSE(SOC_PneumaticValveOn(0, c.limit));
+    const double took = monotonic_seconds() - start;
+    DIO_fileDescriptor[0] = fd;
+    EXPECT_GE(took, c.least);
+    EXPECT_LT(took, c.most);
+    EXPECT_EQ(queries(1), c.polls);
+    if (c.polls == 3)
+      std::printf("[ measure ] one press-cycle poll: %.3f s (pauses 0.4 s)\n", took / 3);
+    if (c.closedPort) {
+      const size_t polls = log.count("VELMORA: SOC_PneumaticValveOn WELL:1, rd is 0xffffffff");
+      EXPECT_GE(polls, 5u);
+      EXPECT_LE(polls, 11u);
+    }
+  }
+}
+
+TEST_F(Press, OperatorLetsGoWhileLoweringThenCompletesTheCycle) {
+  g_WellNumber = 1;  // no well label
+  sim::WellOptions options;
+  options.pressTravel = 0.6;
+  options.trayTravel = 0.2;
+  sim::Well well(*bed, *boards, 1, options);
+  well.press(sim::BothButtons);
+  auto cycle = std::async(std::launch::async, [] { return SOC_PneumaticValveOn(0, 0); });
+  // The operator: lets go of A as soon as the plate moves, takes it again once the press is
+  // back up and out, and lets go of both once the plate is down with the run LED lit.
+  ASSERT_TRUE(well.wait_for([&] { return well.plate() > 0.05; }, 5));
+  well.release(sim::ButtonA);
+  ASSERT_TRUE(well.wait_for([&] { return well.plate() == 0 && well.tray() == 0; }, 5));
+  well.press(sim::ButtonA);
+  ASSERT_TRUE(well.wait_for([&] { return well.plate() == 1 && well.run_led(); }, 10));
+  EXPECT_EQ(well.tray(), 1);
+  well.release(sim::BothButtons);
+  ASSERT_EQ(cycle.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  EXPECT_TRUE(cycle.get());
+  Lines moves;
+  for (const auto& line : wire(1)) {
+    if (line != kQuery) moves.push_back(line);
+  }
+  EXPECT_EQ(moves, (Lines{"vel_pne_in\n", "vel_pne_down\n", "vel_pne_up\n", "vel_pne_out\n",
+                          "vel_pne_in\n", "vel_pne_down\n", "vel_run_led_on\n"}));
+  EXPECT_TRUE(log.has(" Upper plate pressed down to the bottom!"));
+  EXPECT_TRUE(log.has(" Both button released!"));
+  EXPECT_EQ(well.status(), 43);
+}
+
+TEST_F(Press, AutoOnClosesAndLowersWhateverTheStatus) {
+  for (int well : {0, 2}) {
+    SetUp();
+    const int n = well == 0 ? 1 : 5;
+    site(n).script_status(replies({23}));
+    const double start = monotonic_seconds();
+    EXPECT_TRUE(SOC_PneumaticValveAutoOn(well, NAN));
+    EXPECT_GE(monotonic_seconds() - start, 0.1 + 0.3 + 0.2 + 0.05);
+    EXPECT_EQ(wire(n, 3), (Lines{kQuery, "vel_pne_in\n", "vel_pne_down\n"}));
+    const auto lines = site(n).lines();
+    EXPECT_GE(lines[2].time - lines[1].time, 0.2 - 0.01);
+    EXPECT_TRUE(log.has("VELMORA: SOC_PneumaticValveAutoOn WELL:" + std::to_string(well + 1)));
+    EXPECT_TRUE(log.has("VELMORA: SOC_PneumaticValveAutoOn: WELL " + std::to_string(well + 1) +
+                        ", rdData = 23"));
+  }
+}
+
+TEST_F(Press, ValveOffTakesOnlyOneAsTheSecondWell) {
+  EXPECT_TRUE(SOC_PneumaticValveOff(2));
+  EXPECT_TRUE(SOC_PneumaticValveOff(1));
+  EXPECT_EQ(wire(1, 2), (Lines{"vel_pne_up\n", "vel_pne_out\n"}));
+  EXPECT_EQ(wire(5, 2), (Lines{"vel_pne_up\n", "vel_pne_out\n"}));
+  EXPECT_EQ(log.syslog(),
+            (Lines{"VELMORA: SOC_PneumaticValveOff WELL:3",
+                   "VELMORA: SOC_PneumaticValveOff, WELL:3, Successfully write vel_pne_up\n",
+                   "VELMORA: SOC_PneumaticValveOff, WELL:3, Successfully write vel_pne_out\n",
+                   "VELMORA: SOC_PneumaticValveOff WELL:2",
+                   "VELMORA: SOC_PneumaticValveOff, WELL:2, Successfully write vel_pne_up\n",
+                   "VELMORA: SOC_PneumaticValveOff, WELL:2, Successfully write vel_pne_out\n"}));
+  log.clear();
+  const int fd = DIO_fileDescriptor[0];
+  DIO_fileDescriptor[0] = -1;
+  EXPECT_FALSE(SOC_PneumaticValveOff(0));
+  DIO_fileDescriptor[0] = fd;
+  EXPECT_TRUE(log.has("VELMORA: SOC_PneumaticValveOff, WELL:1, Failed to write vel_pne_out\n"));
+}
+
+TEST_F(Press, StatusTestTruthTables) {
+  struct Case {
+    bool (*call)(int);
+    const char* message;  // "" when the call logs nothing
+    double pause;
+    std::vector<std::pair<int, bool>> truth;  // status (-1: no answer) and the answer
+  };
+  const Case cases[] = {
+      {SOC_IsValveOn,
+       "VELMORA: SOC_IsValveOn, rdData = ",
+       0.2,
+       {{43, true}, {42, false}, {-1, false}}},
+      {SOC_IsAbort_Pressed,
+       "",
+       0,
+       {{4, true}, {20, true}, {22, true}, {42, true}, {-1, true}, {40, false}, {43, false}}},
+      {SOC_IsBoth_Pressed, "", 0, {{40, true}, {20, true}, {22, false}, {41, false}, {-1, false}}},
+      {SOC_IsFixtureEngaged,
+       "VELMORA: SOC_FixtureEngaged, rdData = ",
+       0.01,
+       {{40, true}, {43, true}, {36, false}, {-1, false}}},
+      {SOC_IsFixtureDisengaged,
+       "VELMORA: SOC_FixtureDisengaged, rdData = ",
+       0.01,
+       {{36, true}, {40, false}, {-1, false}}},
+      {SOC_IsFixtureClosed,
+       "VELMORA: SOC_FixtureClosed, rdData = ",
+       0.01,
+       {{36, true}, {40, true}, {43, true}, {20, false}, {-1, false}}},
+      {SOC_IsFixtureOpened,
+       "VELMORA: SOC_FixtureOpened, rdData = ",
+       0.01,
+       {{20, true}, {22, true}, {36, false}, {-1, false}}},
+  };
+  // The rows are shared out between the two wells, worked at once to halve the 0.3 s queries:
+  // WELL 0 on port 0, WELL 2 (any value but 0) on port 4.
+  for (const Case& c : cases) {
+    std::vector<std::string> scripts[2];
+    for (size_t i = 0; i < c.truth.size(); ++i) scripts[i % 2].push_back(reply(c.truth[i].first));
+    site(1).script_status(scripts[0]);
+    site(5).script_status(scripts[1]);
+    auto work = [&](int well, size_t first) {
+      for (size_t i = first; i < c.truth.size(); i += 2) {
+        const auto [status, answer] = c.truth[i];
+        const double start = monotonic_seconds();
+        EXPECT_EQ(c.call(well), answer) << c.message << status << " WELL " << well;
+        EXPECT_GE(monotonic_seconds() - start, c.pause + 0.3);
+      }
+    };
+    auto second = std::async(std::launch::async, work, 2, 1);
+    work(0, 0);
+    second.get();
+    for (const auto& [status, answer] : c.truth) {
+      const std::string line = c.message + std::to_string(status);
+      EXPECT_EQ(log.count(line), *c.message ? 1u : 0u) << line;
+    }
+    EXPECT_EQ(queries(1), scripts[0].size());
+    EXPECT_EQ(queries(5), scripts[1].size());
+    SetUp();
+  }
+}
+
+TEST_F(Press, RunPostsItsWellsChordOncePerCall) {
+  const std::vector<sim::KeyEvent> chordZ = {
+      {0, EV_KEY, KEY_LEFTCTRL, 1}, {0, EV_SYN, SYN_REPORT, 0},  {0, EV_KEY, KEY_LEFTALT, 1},
+      {0, EV_SYN, SYN_REPORT, 0},   {0, EV_KEY, KEY_Z, 1},       {0, EV_SYN, SYN_REPORT, 0},
+      {0, EV_KEY, KEY_Z, 0},        {0, EV_SYN, SYN_REPORT, 0},  {0, EV_KEY, KEY_LEFTCTRL, 0},
+      {0, EV_SYN, SYN_REPORT, 0},   {0, EV_KEY, KEY_LEFTALT, 0}, {0, EV_SYN, SYN_REPORT, 0}};
+  site(1).script_status(replies({22, 22, 23}));
+  EXPECT_TRUE(SOC_IsRun_Pressed(0));
+  EXPECT_EQ(keyboard->events(), chordZ);  // the very first chord is not lost
+  EXPECT_TRUE(SOC_IsRun_Pressed(0));      // held through two calls: two chords
+  EXPECT_FALSE(SOC_IsRun_Pressed(0));
+  EXPECT_EQ(keyboard->keys().size(), 12u);
+
+  keyboard->clear();
+  site(5).script_status(replies({22}));
+  EXPECT_TRUE(SOC_IsRun_Pressed(1));
+  std::vector<int> codes;
+  for (const auto& e : keyboard->keys()) codes.push_back(e.code * (e.value ? 1 : -1));
+  EXPECT_EQ(codes, (std::vector<int>{KEY_LEFTCTRL, KEY_LEFTALT, KEY_Y, -KEY_Y, -KEY_LEFTCTRL,
+                                     -KEY_LEFTALT}));
+
+  keyboard->clear();
+  const double start = monotonic_seconds();
+  EXPECT_FALSE(SOC_IsRun_Pressed(2));
+  EXPECT_LT(monotonic_seconds() - start, 0.25);  // no query
+  EXPECT_EQ(queries(1), 3u);
+  EXPECT_EQ(queries(5), 1u);
+  EXPECT_TRUE(keyboard->events().empty());
+
+  SOC_SendCtrlAltZ();
+  EXPECT_EQ(keyboard->events(), chordZ);
+  // One keyboard for the library's life, made for these keys only.
+  EXPECT_EQ(keyboard->created(), 1);
+  EXPECT_EQ(keyboard->name(), "Brakwell key chords");
+  auto keys = keyboard->enabled_keys();
+  std::sort(keys.begin(), keys.end());
+  EXPECT_EQ(keys, (std::vector<int>{KEY_Y, KEY_LEFTCTRL, KEY_Z, KEY_LEFTALT}));
+}
+
+}  // namespace

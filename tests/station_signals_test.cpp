@@ -2,6 +2,7 @@
 // for on, off and a failed write, the well-wide calls, the result LED folding, the Hi5 pauses,
 // the battery voltage line, and raw write and read.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -297,6 +298,16 @@ TEST_F(Signals, RawWriteAndRead) {
   }
   EXPECT_EQ(boards->site(4).received(), "raw text, no newline");
   EXPECT_EQ(wire(), Lines{});
+}
+
+// This program's testbed has no /dev/uinput: every chord logs one line and returns.
+TEST_F(Signals, KeyChordWithoutUinputLogsOneLine) {
+  if (access("/dev/uinput", F_OK) == 0) GTEST_SKIP() << "this machine has a real /dev/uinput";
+  SOC_SendCtrlAltZ();
+  SOC_SendCtrlAltY();
+  EXPECT_EQ(log.syslog(),
+            (Lines{"VELMORA: SOC_SendCtrlAltZ, no virtual keyboard: No such file or directory",
+                   "VELMORA: SOC_SendCtrlAltY, no virtual keyboard: No such file or directory"}));
 }
 
 }  // namespace

@@ -24,11 +24,25 @@ Fixture::Fixture(FixtureOptions options)
     boards_->add_site(n);
   }
   units_ = std::make_unique<Units>(*bed_, *usb_, sites_);
+  WellOptions well;
+  well.pressTravel = options_.pressTravel;
+  well.trayTravel = options_.trayTravel;
+  if (options_.operatorScript != "auto") {
+    well.script =
+        parse_operator_script(options_.operatorScript).value_or(std::vector<ButtonEvent>{});
+  }
+  for (int w = 1; w <= (options_.wells >= 2 ? 2 : 1); ++w) {
+    well.garbled = options_.garbledWells.count(w) != 0;
+    wells_[w - 1] = std::make_unique<Well>(*bed_, *boards_, w, well);
+  }
+  keyboard_ = std::make_unique<Keyboard>(*bed_);
   for (int m : options_.dioModules) {
     if (m < 0 || m > 1) continue;
     dio_[m] = std::make_unique<DioModule>(*usb_, m);
     const auto script = options_.dioStatus.find(m);
-    if (script != options_.dioStatus.end()) dio_[m]->script_status(script->second);
+    dio_[m]->script_status(script != options_.dioStatus.end()
+                               ? script->second
+                               : std::vector<uint8_t>{static_cast<uint8_t>(0x17 + 0x10 * m)});
   }
 }
 
@@ -39,13 +53,18 @@ Fixture::~Fixture() {
   }
   wake_.notify_all();
   if (faults_.joinable()) faults_.join();
+  if (operator_.joinable()) operator_.join();
   // The pieces go before the bus and the testbed that they live on.
   units_.reset();
+  for (auto& well : wells_) well.reset();
+  keyboard_.reset();
   for (auto& module : dio_) module.reset();
   boards_.reset();
   usb_.reset();
   bed_.reset();
 }
+
+Well* Fixture::well(int well) { return well == 1 || well == 2 ? wells_[well - 1].get() : nullptr; }
 
 DioModule* Fixture::dio(int module) {
   return module == 0 || module == 1 ? dio_[module].get() : nullptr;
@@ -53,9 +72,13 @@ DioModule* Fixture::dio(int module) {
 
 void Fixture::start() {
   const double t0 = now();
+  for (auto& well : wells_) {
+    if (well) well->start();
+  }
   std::vector<TimedFault> faults = options_.faults;
   std::sort(faults.begin(), faults.end(),
             [](const TimedFault& a, const TimedFault& b) { return a.at < b.at; });
+  if (options_.operatorScript == "auto") operator_ = std::thread([this] { run_operator(); });
   faults_ = std::thread([this, t0, faults] {
     for (const auto& fault : faults) {
       std::unique_lock lock(mutex_);
@@ -65,6 +88,27 @@ void Fixture::start() {
       strike(fault);
     }
   });
+}
+
+// The operator who completes every press cycle: both hands on the buttons while the plate is
+// up, off again once the plate is down with the tray in and the station has lit the run LED
+// (which it does when it has seen both buttons held in that position).
+void Fixture::run_operator() {
+  bool holding[2] = {false, false};
+  std::unique_lock lock(mutex_);
+  while (!wake_.wait_for(lock, std::chrono::milliseconds(10), [this] { return stopping_; })) {
+    for (int w = 0; w < 2; ++w) {
+      Well* well = wells_[w].get();
+      if (!well) continue;
+      if (!holding[w] && well->plate() <= 0) {
+        well->press(BothButtons);
+        holding[w] = true;
+      } else if (holding[w] && well->plate() >= 1 && well->tray() >= 1 && well->run_led()) {
+        well->release(BothButtons);
+        holding[w] = false;
+      }
+    }
+  }
 }
 
 void Fixture::strike(const TimedFault& fault) {
@@ -86,6 +130,14 @@ void Fixture::strike(const TimedFault& fault) {
 }
 
 namespace {
+
+// Every line of a site as the well model names it, then the counters and values it traces.
+const char* const kSiteLines[] = {
+    "vusb", "vbatt", "batt_supercap", "forcedfu", "uart",     "hi5",      "accid",    "accdet",
+    "ntc",  "gpio1", "gpio2",         "dfu_host", "pass_led", "fail_led", "vbatt_mv", "resets"};
+// The keys of the Run chords, by the code the keyboard traces ("key29=1").
+const std::map<std::string, std::string> kKeys = {
+    {"key29", "ctrl"}, {"key56", "alt"}, {"key44", "z"}, {"key21", "y"}};
 
 // Where a USB port path sits: the site and the role of its port, or a DIO module.
 bool usb_place(const std::string& path, std::string* scope, std::string* name) {
@@ -130,7 +182,17 @@ bool Fixture::write_vcd(const std::string& path) const {
     vcd.declare(scope, "unit", "none");
     vcd.declare(scope, "unplugged", "0");
     vcd.declare(scope, "reading", "1");
+    for (const char* line : kSiteLines) vcd.declare(scope, line, "0");
+    vcd.declare(scope, "hi5_mode", "none");
   }
+  for (int w = 1; w <= 2; ++w) {
+    if (!wells_[w - 1]) continue;
+    const std::string scope = "well" + std::to_string(w);
+    for (const char* name : {"button_a", "button_b", "run_led"}) vcd.declare(scope, name, "0");
+    vcd.declare(scope, "plate", "up");
+    vcd.declare(scope, "tray", "out");
+  }
+  for (const auto& [code, name] : kKeys) vcd.declare("keyboard", name, "0");
   for (int m = 0; m < 2; ++m) {
     if (!dio_[m]) continue;
     const std::string scope = "dio" + std::to_string(m);
@@ -154,6 +216,9 @@ bool Fixture::write_vcd(const std::string& path) const {
       } else if (key == "vanish") {
         vcd.change(e.time, e.source, "usb", "0");
       }
+    } else if (e.source == "keyboard") {
+      const auto named = kKeys.find(key);
+      vcd.change(e.time, e.source, named == kKeys.end() ? key : named->second, value, true);
     } else {
       vcd.change(e.time, e.source, key, value, true);
     }

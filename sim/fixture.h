@@ -15,9 +15,11 @@
 
 #include "boards.h"
 #include "dio.h"
+#include "keyboard.h"
 #include "testbed.h"
 #include "unit.h"
 #include "usb.h"
+#include "well.h"
 
 namespace sim {
 
@@ -37,7 +39,9 @@ struct FixtureOptions {
   double pressTravel = 0.3;    // seconds the plate takes between its end positions
   double trayTravel = 0.3;     // seconds the tray takes
   std::set<int> dioModules = {0, 1};
-  std::map<int, std::vector<uint8_t>> dioStatus;  // status bytes a module answers in turn
+  // Status bytes a module answers in turn; without a script module m answers 0x17 + 0x10 m
+  // (board id m + 1, well sensors 0x17 or 0x27).
+  std::map<int, std::vector<uint8_t>> dioStatus;
 };
 
 class Fixture {
@@ -52,6 +56,8 @@ class Fixture {
   Boards& boards() { return *boards_; }
   UsbBus& usb() { return *usb_; }
   Units& units() { return *units_; }
+  Well* well(int well);  // 1 or 2; nullptr when not fitted
+  Keyboard& keyboard() { return *keyboard_; }
   DioModule* dio(int module);                            // nullptr when not fitted
   const std::set<int>& sites() const { return sites_; }  // sites present
   double origin() const { return origin_; }              // now() when it was built
@@ -63,7 +69,7 @@ class Fixture {
   bool write_vcd(const std::string& path) const;
 
  private:
-  void run_faults();
+  void run_operator();
   void strike(const TimedFault& fault);
 
   FixtureOptions options_;
@@ -74,12 +80,15 @@ class Fixture {
   std::unique_ptr<Boards> boards_;
   std::map<int, UsbDevice*> boardDevices_;
   std::unique_ptr<Units> units_;
+  std::unique_ptr<Well> wells_[2];
+  std::unique_ptr<Keyboard> keyboard_;
   std::unique_ptr<DioModule> dio_[2];
 
   std::mutex mutex_;
   std::condition_variable wake_;
   bool stopping_ = false;
   std::thread faults_;
+  std::thread operator_;
 };
 
 }  // namespace sim

@@ -38,13 +38,15 @@ const char* kHelp =
     "Fixture:\n"
     "  --wells 1|2              wells fitted (default 2: sites 1-8)\n"
     "  --missing SITES          sites with no board, UART or unit, e.g. 3 or 5-8 or 2,7\n"
-    "  --operator auto|SCRIPT   who works the buttons: auto completes every press cycle;\n"
-    "                           default: nobody\n"
+    "  --operator auto|SCRIPT   who works the buttons (default: nobody). auto completes\n"
+    "                           every press cycle; SCRIPT: button steps per well, seconds\n"
+    "                           after PROGRAM starts, e.g. \"AB+@0.5 A-@1.2 A+@2 AB-@6\"\n"
+    "                           (A, B: the buttons; + press, - let go)\n"
     "  --press-travel SECONDS   time the plate takes up or down (default 0.3)\n"
     "  --tray-travel SECONDS    time the tray takes in or out (default 0.3)\n"
     "  --dio MODULES            DIO modules fitted: 0,1 (default), 0, 1 or none\n"
     "  --dio-status M:B,B,...   status bytes module M answers in turn (last repeats),\n"
-    "                           e.g. 0:0xa7,0xa7\n"
+    "                           e.g. 0:0xa7,0xa7 (default 0x17 for 0, 0x27 for 1)\n"
     "Faults (T: seconds after PROGRAM starts):\n"
     "  --unplug SITE@T          the site's board is unplugged\n"
     "  --stop-reading SITE@T    the site's board stops reading its port\n"
@@ -144,6 +146,11 @@ Settings parse(int argc, char** argv) {
       s.fixture.missing = site_list(value(a), a);
     } else if (a == "--operator") {
       s.fixture.operatorScript = value(a);
+      std::string error;
+      if (s.fixture.operatorScript != "auto" &&
+          !sim::parse_operator_script(s.fixture.operatorScript, &error)) {
+        bad(a + ": " + error);
+      }
     } else if (a == "--press-travel") {
       s.fixture.pressTravel = seconds(value(a), a);
     } else if (a == "--tray-travel") {

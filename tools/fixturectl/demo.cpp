@@ -33,7 +33,8 @@ class Demo {
   std::vector<int> sites_of(int well) const;
   // Units on USB by location, once the library's event thread has taken `expected` of them.
   std::map<std::string, std::string> units(size_t expected);
-  void show_units(const char* when, size_t expected);
+  // Says which unit each site shows; `record` keeps it for the summary.
+  void show_units(const char* when, size_t expected, bool record);
 
   void start();
   void init_wells();
@@ -86,13 +87,13 @@ std::map<std::string, std::string> Demo::units(size_t expected) {
   return out;
 }
 
-void Demo::show_units(const char* when, size_t expected) {
+void Demo::show_units(const char* when, size_t expected, bool record) {
   const auto present = units(expected);
   say("%s: %zu unit(s) on USB", when, present.size());
   for (int s = 1; s <= 8; ++s) {
     if (!sites_[s].port) continue;
     const auto it = present.find(sites_[s].location);
-    sites_[s].unit = it == present.end() ? "-" : it->second;
+    if (record) sites_[s].unit = it == present.end() ? "-" : it->second;
     if (it != present.end()) {
       say("  site %d: \"%s\" at %s", s, it->second.c_str(), it->first.c_str());
     }
@@ -177,7 +178,7 @@ void Demo::power_up() {
     ++s;
   }
   say("unit locations from the UART bridges: %s", text.c_str());
-  show_units("after power-up", powered);
+  show_units("after power-up", powered, false);
 }
 
 void Demo::boot_modes() {
@@ -197,7 +198,7 @@ void Demo::boot_modes() {
   }
   size_t expected = 0;
   for (int x : wells_) expected += sites_of(x).size();
-  show_units("after the boot-mode sequences", expected);
+  show_units("after the boot-mode sequences", expected, true);
   const std::string mcu = getUSBLocationForMCU(kAppleVendor, kDfuProduct);
   say("the unit in DFU mode is at %s (site %d's location is %s)", mcu.empty() ? "-" : mcu.c_str(),
       dfu, sites_[dfu].location.c_str());
@@ -262,7 +263,7 @@ void Demo::finish() {
     SOC_PowerOff(w);
     say("well %d: units powered off (board reset line)", w + 1);
   }
-  show_units("after power-off", 0);
+  show_units("after power-off", 0, false);
   for (int w : wells_) {
     fixture_disengage(h(w));
     fixture_open(h(w));

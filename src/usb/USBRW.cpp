@@ -179,9 +179,9 @@ void dealWithDevice(int m, libusb_device* service) {
     return;
   }
   // The interfaces are walked in the descriptor just read, which cannot fail, so "unable to
-  // create interface iterator" has no counterpart. Class 0 is matched on purpose (the module's
-  // interface reports class 0); subclass, protocol and alternate setting are wildcards, and
-  // each interface is taken in its current (first) setting. The last match wins.
+  // create interface iterator" has no counterpart. The class is matched as 0 on purpose, not as
+  // a wildcard; subclass, protocol and alternate setting are wildcards, and each interface is
+  // taken in its current (first) setting. The last match wins.
   for (int i = 0; i < config->bNumInterfaces; ++i) {
     const libusb_interface& interface = config->interface[i];
     if (interface.num_altsetting > 0 && interface.altsetting[0].bInterfaceClass == 0) {

@@ -154,8 +154,8 @@ extern "C" bool DIORS232Write(int uut, const char* buf, int len) {
   const int fd = DIO_fileDescriptor[uut];
   if (fd == -1) return false;
   if (len == 0) return true;
-  const ssize_t k = (buf && len > 0) ? write(fd, buf, static_cast<size_t>(len)) : -1;
-  if (k == len) return true;
+  if (!buf || len < 0) return false;  // nothing that could be sent
+  if (write(fd, buf, static_cast<size_t>(len)) == len) return true;
   log("k != nlen");
   return false;
 }

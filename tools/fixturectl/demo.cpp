@@ -31,6 +31,8 @@ class Demo {
   void step(const char* title) { say("== %s", title); }
   FixtureController* h(int well) { return ctx_.controllers[well]; }
   std::vector<int> sites_of(int well) const;
+  template <typename Fn>
+  void each_well_at_once(Fn fn);
   // Units on USB by location, once the library's event thread has taken `expected` of them.
   std::map<std::string, std::string> units(size_t expected);
   // Says which unit each site shows; `record` keeps it for the summary.
@@ -126,10 +128,20 @@ void Demo::start() {
   }
 }
 
+// The wells run side by side: calls on different wells may overlap, calls on one well may not.
+template <typename Fn>
+void Demo::each_well_at_once(Fn fn) {
+  std::vector<std::thread> threads;
+  for (int w : wells_) threads.emplace_back([&fn, w] { fn(w); });
+  for (auto& t : threads) t.join();
+}
+
 void Demo::init_wells() {
-  step("init: every well to rest (LEDs off, plate up, tray out)");
+  step("init: every well to rest (LEDs off, plate up, tray out), both wells at once");
+  int results[2] = {0, 0};
+  each_well_at_once([&](int w) { results[w] = init(h(w)); });
   for (int w : wells_) {
-    if (init(h(w)) != 0) fail(kFailed, "init of well " + std::to_string(w + 1) + " failed");
+    if (results[w] != 0) fail(kFailed, "init of well " + std::to_string(w + 1) + " failed");
     say("well %d at rest: plate %s, tray %s", w + 1, is_fixture_disengaged(h(w)) ? "up" : "?",
         is_fixture_open(h(w)) ? "out" : "?");
   }
@@ -137,12 +149,12 @@ void Demo::init_wells() {
 
 void Demo::press() {
   step("the operator's two-hand press");
+  say("waiting for the operator to hold both buttons on every well...");
+  bool done[2] = {false, false};
+  with_progress("  press cycle",
+                [&] { each_well_at_once([&](int w) { done[w] = PneumaticValveOn(w, 30.0f); }); });
   for (int w : wells_) {
-    say("well %d: waiting for the operator to hold both buttons...", w + 1);
-    bool done = false;
-    with_progress("  well " + std::to_string(w + 1) + ": press cycle",
-                  [&] { done = PneumaticValveOn(w, 30.0f); });
-    if (!done) {
+    if (!done[w]) {
       fail(kTimedOut, "well " + std::to_string(w + 1) + ": the operator did not press in 30 s",
            "  run the demo inside the virtual fixture with an operator:\n"
            "    fixturesim --operator auto -- fixturectl demo");

@@ -169,19 +169,21 @@ TEST_F(BadInput, ResultLedFoldsTheIndexBeforeTheRangeRule) {
   EXPECT_TRUE(log.has("VELMORA: SOC_ResultLed, UUT:5, Successfully write vel_pass_led_on\n"));
 }
 
-TEST_F(BadInput, WellNumbersOtherThanOneAreTheFirstWellForResetLedsAndRelease) {
+TEST_F(BadInput, WellNumbersOtherThanOneAreTheFirstWellForResetLedsAndMoves) {
   for (int bad : kBad) {
     EXPECT_TRUE(SOC_Reset(bad)) << bad;
     EXPECT_TRUE(SOC_PowerOff(bad)) << bad;
     EXPECT_TRUE(SOC_RunLed(bad, true)) << bad;
     EXPECT_TRUE(SOC_PneumaticValveOff(bad)) << bad;
+    fixtureDown(bad);
     EXPECT_TRUE(log.has("VELMORA: SOC_Reset WELL:" + plus_one(bad))) << bad;
   }
-  ASSERT_TRUE(boards->site(1).wait_lines(5 * 5, 2));
+  ASSERT_TRUE(boards->site(1).wait_lines(5 * 6, 2));
   std::string first, others;
   for (int i = 0; i < 5; ++i) {
-    first += "vel_dfu_reset\nvel_dfu_reset\nvel_run_led_on\nvel_pne_up\nvel_pne_out\n";
-    others += "vel_dfu_reset\nvel_dfu_reset\n";
+    first +=
+        "vel_dfu_reset\nvel_dfu_reset\nvel_run_led_on\nvel_pne_up\nvel_pne_out\nvel_pne_down\n";
+    others += "vel_dfu_reset\nvel_dfu_reset\nvel_pne_down\n";
   }
   expect_received(1, first);
   for (int site : {2, 3, 4}) expect_received(site, others);

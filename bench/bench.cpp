@@ -80,6 +80,11 @@ double process_cpu() {
          static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
 }
 
+std::string strip(std::string line) {
+  if (!line.empty() && line.back() == '\n') line.pop_back();
+  return line;
+}
+
 double median(std::vector<double> v) {
   if (v.empty()) return 0;
   std::sort(v.begin(), v.end());
@@ -253,6 +258,7 @@ class Bench {
     int early = 0, mismatches = 0;
     std::vector<double> excess;
     std::vector<std::pair<double, std::string>> excessOf;  // time beyond the pauses, all runs
+    std::vector<std::string> earlyNotes;
     std::printf("\n%-34s %9s %9s %9s %9s %22s %5s\n", "sequence", "pauses s", "median s", "worst s",
                 "overhead", "shortest gap / pause", "early");
     for (auto& sequence : sequences_) {
@@ -270,7 +276,22 @@ class Bench {
             shortest = gap;
             shortestPause = pause;
           }
-          if (gap < pause - kEarly) ++seqEarly;
+        }
+      }
+      // An early gap right after a late one is a line that reached the board late (the pty
+      // delivers in bursts when the machine is busy), not a short pause: say which it was.
+      for (size_t i = 0; i < sequence.lines.size(); ++i) {
+        for (size_t r = 0; r < m.gaps[i].size(); ++r) {
+          const double shortBy = sequence.lines[i].pause - m.gaps[i][r];
+          if (shortBy <= kEarly) continue;
+          ++seqEarly;
+          const double lateBefore = i > 0 ? m.gaps[i - 1][r] - sequence.lines[i - 1].pause : 0;
+          char note[256];
+          std::snprintf(note, sizeof note,
+                        "%s, line %zu (%s): %.2f ms short; the line before came %.2f ms late",
+                        sequence.name.c_str(), i + 1, strip(sequence.lines[i].text).c_str(),
+                        shortBy * 1e3, lateBefore * 1e3);
+          earlyNotes.push_back(note);
         }
       }
       for (double d : m.durations) measuredSum += d;
@@ -296,6 +317,7 @@ class Bench {
       mismatches += m.mismatches;
     }
 
+    for (const auto& note : earlyNotes) std::printf("early gap: %s\n", note.c_str());
     std::sort(excessOf.rbegin(), excessOf.rend());
     std::printf("\nmost time beyond the pauses (all runs, of %.3f s in all):",
                 measuredSum - specifiedSum);
@@ -558,8 +580,7 @@ class Bench {
     for (size_t i = 0; i < sequence.lines.size(); ++i) {
       const auto& gaps = m.gaps[i];
       if (gaps.empty()) continue;
-      std::string text = sequence.lines[i].text;
-      if (!text.empty() && text.back() == '\n') text.pop_back();
+      const std::string text = strip(sequence.lines[i].text);
       std::printf("    site %d %-28s pause %.3f  gap median %.4f  shortest %.4f\n",
                   sequence.lines[i].site, text.c_str(), sequence.lines[i].pause, median(gaps),
                   *std::min_element(gaps.begin(), gaps.end()));

@@ -1,5 +1,8 @@
 #include "fixture.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -22,6 +25,10 @@ Fixture::Fixture(FixtureOptions options)
     usb_->add_uart(n);
     boardDevices_[n] = &usb_->add_board(n);
     boards_->add_site(n);
+    // A program run inside the fixture must not inherit the board's end of its port, or the
+    // port could not hang up when the board is unplugged.
+    const int master = umockdev_testbed_get_dev_fd(bed_->raw(), board_devnode(n).c_str());
+    if (master >= 0) fcntl(master, F_SETFD, fcntl(master, F_GETFD) | FD_CLOEXEC);
   }
   units_ = std::make_unique<Units>(*bed_, *usb_, sites_);
   WellOptions well;
@@ -75,7 +82,15 @@ void Fixture::start() {
   for (auto& well : wells_) {
     if (well) well->start();
   }
-  std::vector<TimedFault> faults = options_.faults;
+  std::vector<TimedFault> faults;
+  for (const auto& fault : options_.faults) {
+    // Faults at time 0 are in place before start() returns, so before the program runs.
+    if (fault.at <= 0) {
+      strike(fault);
+    } else {
+      faults.push_back(fault);
+    }
+  }
   std::sort(faults.begin(), faults.end(),
             [](const TimedFault& a, const TimedFault& b) { return a.at < b.at; });
   if (options_.operatorScript == "auto") operator_ = std::thread([this] { run_operator(); });
@@ -113,11 +128,20 @@ void Fixture::run_operator() {
 
 void Fixture::strike(const TimedFault& fault) {
   switch (fault.kind) {
-    case TimedFault::BoardUnplugged:
+    case TimedFault::BoardUnplugged: {
       if (!boards_->has_site(fault.target)) return;
       boards_->site(fault.target).unplug();
+      // The testbed keeps its own end of the pseudo-terminal open, so the port would still take
+      // writes. Putting /dev/null in its place hangs the port up (writes fail, opens fail) and
+      // leaves the testbed a descriptor it may close later.
+      const int master =
+          umockdev_testbed_get_dev_fd(bed_->raw(), board_devnode(fault.target).c_str());
+      const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+      if (master >= 0 && null >= 0) dup2(null, master);
+      if (null >= 0) close(null);
       usb_->remove(*boardDevices_.at(fault.target));
       break;
+    }
     case TimedFault::BoardStopsReading:
       if (!boards_->has_site(fault.target)) return;
       boards_->site(fault.target).stop_reading();

@@ -108,15 +108,18 @@ TEST(Fixturectl, NoFixtureSaysWhatWasSeenAndWhatToDo) {
   EXPECT_TRUE(has(site.err, "site 2: its fixture board port is not open")) << site.err;
 }
 
-TEST(Fixturectl, FaultsGiveExitOne) {
-  // Unplugged before the first command: the port opens, the writes fail.
+TEST(Fixturectl, FaultsSayWhatFailed) {
+  // A board unplugged before the station starts.
   const auto unplugged = run(in_fixture({"--unplug", "3@0"}, {"power", "on", "3"}));
-  EXPECT_EQ(unplugged.status, 1);
-  EXPECT_TRUE(has(unplugged.err, "site 3: the board did not take the power commands"));
+  EXPECT_EQ(unplugged.status, 3);
+  EXPECT_TRUE(has(unplugged.err, "site 3: its fixture board port is not open\n")) << unplugged.err;
 
   const auto garbled = run(in_fixture({"--garble", "1"}, {"--json", "status"}));
   EXPECT_EQ(garbled.status, 1);
   EXPECT_TRUE(has(garbled.out, "\"error\":\"well 1: no status reply\"")) << garbled.out;
+  const auto clean = run(in_fixture({"--garble", "1"}, {"--well", "1", "--json", "status"}));
+  EXPECT_EQ(clean.status, 0);
+  EXPECT_TRUE(has(clean.out, "\"status\":{\"word\":23,\"button_a\":\"released\"")) << clean.out;
 }
 
 TEST(Fixturectl, PressWaitsForTheOperator) {

@@ -128,6 +128,17 @@ TEST(Fixturectl, PressWaitsForTheOperator) {
   EXPECT_EQ(pressed.status, 0) << pressed.err;
   EXPECT_TRUE(has(pressed.out, "\"pressed\":true")) << pressed.out;
 
+  // A scripted operator holds both buttons from the start and lets go at 8 s: the cycle ends
+  // then, not before.
+  const auto start = std::chrono::steady_clock::now();
+  const auto scripted =
+      run(in_fixture({"--operator", "AB+@0 AB-@8"}, {"press", "--timeout", "30"}));
+  const double took =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_EQ(scripted.status, 0) << scripted.err;
+  EXPECT_GE(took, 8.0);
+  EXPECT_TRUE(has(scripted.out, "pressed: yes")) << scripted.out;
+
   // Nobody at the buttons: the cycle runs out after its first polls.
   const auto alone = run(in_fixture({}, {"press", "--timeout", "1"}));
   EXPECT_EQ(alone.status, 4);

@@ -12,6 +12,10 @@ inline bool valid_uut(int uut) { return uut >= 0 && uut < BRAKWELL_UUT_COUNT; }
 // The first UUT index of a well for the board link's calls: only 1 selects the second well.
 inline int first_uut_of_well(int well) { return well == 1 ? 4 : 0; }
 
+// The site number a fixture board's port name carries: the two characters after its first
+// underscore, read as a decimal number (0 when they are not one, or are missing).
+int site_of_port_path(const char* path);
+
 // Reads whatever the board sends on the UUT's port for `seconds` into its receive area (never
 // past its last byte, always NUL-terminated). The calling thread sleeps in poll meanwhile and
 // the call lasts the whole time, replies or not.

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "Brakwell.h"
+#include "common/numbers.h"
 #include "platform/log.h"
 #include "platform/sleep.h"
 #include "station/board_link.h"
@@ -94,7 +95,7 @@ void press_move(int well, const PressMove& move) {
     if (DIO_UUTSerialDevice[uut][0] == '\0') continue;
     sleep_seconds(kWellStepPause);
     const bool sent = DIORS232Write(uut, move.command, static_cast<int>(std::strlen(move.command)));
-    log(sent ? move.success : move.failure, move.command, well + 1, uut + 1);
+    log(sent ? move.success : move.failure, move.command, brakwell::one_based(well), uut + 1);
   }
 }
 

@@ -56,15 +56,18 @@ bool open_port(const char* caller, int uut) {
   return true;
 }
 
-// The site number a port name carries: the two characters after its first underscore.
-int site_of_path(const char* path) {
+}  // namespace
+
+namespace brakwell::link {
+
+int site_of_port_path(const char* path) {
   const char* first = std::strchr(path, '_');
   if (!first || first[1] == '\0' || first[2] == '\0') return 0;
   const char digits[3] = {first[1], first[2], '\0'};
   return static_cast<int>(std::strtol(digits, nullptr, 10));
 }
 
-}  // namespace
+}  // namespace brakwell::link
 
 extern "C" int listSerialPorts(void) {
   udev_enumerate* iterator = nullptr;
@@ -105,7 +108,7 @@ extern "C" int listSerialPorts(void) {
 extern "C" void matchDIO_UART(void) {
   for (const auto& path : DIO_SerialDevice) {
     if (path[0] == '\0') continue;
-    const int site = site_of_path(path);
+    const int site = brakwell::link::site_of_port_path(path);
     if (site < 1 || site > BRAKWELL_UUT_COUNT) continue;  // no room for it in the table
     copy_text(DIO_UUTSerialDevice[site - 1], path);
   }

@@ -1,5 +1,12 @@
 #include "usb.h"
 
+#include <dirent.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
 // clang-format off
 #include <sys/ioctl.h>
 #include <linux/usbdevice_fs.h>
@@ -92,6 +99,41 @@ std::string sys_path_of(const std::string& portPath) {
     if (i == portPath.size() || portPath[i] == '.') path += "/" + portPath.substr(0, i);
   }
   return path;
+}
+
+// umockdev hands uevents to datagram sockets whose queue holds few messages (net.unix.
+// max_dgram_qlen, 10) and drops what does not fit. Before each uevent, wait until
+// every listener of this process has taken what it was sent (up to 30 s).
+void wait_for_listeners(const std::string& root) {
+  const std::string prefix = root + "/event";
+  std::vector<int> listeners;
+  if (DIR* dir = opendir("/proc/self/fd")) {
+    while (dirent* entry = readdir(dir)) {
+      const int fd = std::atoi(entry->d_name);
+      struct stat st {};
+      if (entry->d_name[0] == '.' || fstat(fd, &st) != 0 || !S_ISSOCK(st.st_mode)) continue;
+      sockaddr_un address{};
+      socklen_t length = sizeof address;
+      if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+          address.sun_family == AF_UNIX &&
+          std::strncmp(address.sun_path, prefix.c_str(), prefix.size()) == 0) {
+        listeners.push_back(fd);
+      }
+    }
+    closedir(dir);
+  }
+  for (int i = 0; i < 300000; ++i) {
+    bool empty = true;
+    for (int fd : listeners) {
+      int pending = 0;
+      if (ioctl(fd, FIONREAD, &pending) == 0 && pending > 0) empty = false;
+    }
+    if (empty) return;
+    const timespec pause{0, 100000};
+    nanosleep(&pause, nullptr);
+  }
+  std::fprintf(stderr,
+               "sim: a uevent listener took nothing for 30 s; the next uevent may be lost\n");
 }
 
 }  // namespace
@@ -554,7 +596,10 @@ UsbDevice& UsbBus::add_locked(const UsbDeviceSpec& spec, bool announce) {
   record += std::string("E: PRODUCT=") + ids + "\n";
   bed_.add_from_string(record);
   present_.push_back(&device);
-  if (announce) bed_.uevent("/sys" + device.sys_path(), "add");
+  if (announce) {
+    wait_for_listeners(bed_.root());
+    bed_.uevent("/sys" + device.sys_path(), "add");
+  }
   bed_.trace("usb", spec.portPath + "=add");
   return device;
 }
@@ -574,6 +619,7 @@ void UsbBus::drop(UsbDevice& device) {
     if (d->spec_.portPath.rfind(prefix, 0) == 0) behind.push_back(d);
   }
   for (size_t i = behind.size(); i-- > 0;) drop(*behind[i]);
+  wait_for_listeners(bed_.root());
   bed_.uevent("/sys" + device.sys_path(), "remove");
   bed_.remove_device("/sys" + device.sys_path());
   std::erase(present_, &device);

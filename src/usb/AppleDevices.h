@@ -36,6 +36,9 @@ void release_devices(std::vector<libusb_device*>& devices);
 // the texts above and gives nothing.
 std::optional<uint32_t> logged_location(libusb_device* device);
 
+// A copy of the Apple-device location history, taken under the tracker's lock.
+std::vector<uint32_t> location_history();
+
 // "0x%x".
 std::string location_text(uint32_t locationID);
 bool contains_ignoring_case(std::string_view text, std::string_view part);

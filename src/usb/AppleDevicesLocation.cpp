@@ -1,0 +1,209 @@
+// Where each site's unit sits on the USB bus, derived from the locations of the fixture's UART
+// bridges: the branch rule (getUSBLocationForUART) and the sibling rule
+// (usbUartSiblingLocationID).
+#include <cctype>
+#include <cstdio>
+#include <ctime>
+#include <string>
+
+#include "Brakwell.h"
+#include "platform/log.h"
+#include "platform/usb_context.h"
+#include "usb/AppleDevices.h"
+
+using brakwell::platform::log;
+namespace platform_usb = brakwell::platform::usb;
+
+extern "C" {
+uint32_t g_ListUartLocationID[BRAKWELL_APPLE_DEV_MAX] = {};
+const char* USBLocation[BRAKWELL_UUT_COUNT] = {};
+}
+
+namespace brakwell::usb {
+
+namespace {
+
+constexpr int kUartSlots = 8;
+constexpr char kUnitPortDigit = '3';  // the unit sits on port 3 of its site's hub
+
+// Storage of the texts USBLocation points at: each slot is rewritten in place.
+char locationSlots[BRAKWELL_UUT_COUNT][16];
+
+// The slot (1-8) that a UART's name fills: whole-name match, case ignored, "USB UART<n>" before
+// "USB-UART<n>"; 0 for any other name.
+int uart_slot(const std::string& name) {
+  for (int n = 1; n <= kUartSlots; ++n) {
+    for (const char* form : {"USB UART", "USB-UART"}) {
+      if (equals_ignoring_case(name, form + std::to_string(n))) return n;
+    }
+  }
+  return 0;
+}
+
+// Puts the unit's port digit into one well's slots at the position after the branch digit.
+void apply_branch(std::string* slots, int first, int branch) {
+  if (branch == -1) return;
+  const size_t at = static_cast<size_t>(branch) + 1;
+  for (int n = first; n < first + 4; ++n) {
+    std::string& slot = slots[n - 1];
+    if (slot.empty()) continue;
+    if (at >= slot.size()) {
+      log("UART%d location %@ has no digit after its branch index %d; left unchanged", n,
+          slot.c_str(), branch);
+      continue;
+    }
+    slot[at] = kUnitPortDigit;
+  }
+}
+
+void fill_usb_location(const std::string* slots) {
+  for (int i = 0; i < BRAKWELL_UUT_COUNT; ++i) {
+    if (slots[i].empty()) {
+      USBLocation[i] = nullptr;
+      continue;
+    }
+    std::snprintf(locationSlots[i], sizeof locationSlots[i], "%s", slots[i].c_str());
+    USBLocation[i] = locationSlots[i];
+  }
+}
+
+// "%x" of a location without its trailing zero digits.
+std::string stripped_hex(uint32_t locationID) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%x", removeHexTrailingZeros(locationID));
+  return text;
+}
+
+void write_report(int uartIndex) {
+  char stamp[32];
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  std::strftime(stamp, sizeof stamp, "%y%m%d-%H%M%S", &local);
+  char path[96];
+  std::snprintf(path, sizeof path, "/tmp/%s%d_%s", "VEL_USB_UUT", uartIndex + 1, stamp);
+  if (!platform_usb::write_usb_report(path)) log("USB report %@ could not be written", path);
+}
+
+}  // namespace
+
+}  // namespace brakwell::usb
+
+using namespace brakwell::usb;
+
+extern "C" {
+
+const char* getUSBLocationForUART(long vendorId, long productId) {
+  thread_local std::string result;
+  auto devices = matching_devices(vendorId, productId);
+  if (!devices) {
+    log("enumUsbForLocationID - IOServiceMatching returned NULL.\n");
+    return "error";
+  }
+  std::string slots[kUartSlots];
+  for (libusb_device* device : *devices) {
+    const std::string name = platform_usb::product_string(device);
+    const auto location = logged_location(device);
+    if (!location) continue;
+    const std::string text = location_text(*location);
+    log("UART Device added: DeviceName=%@ locationID=%@", name.c_str(), text.c_str());
+    if (const int slot = uart_slot(name)) slots[slot - 1] = text;
+  }
+  release_devices(*devices);
+
+  const int b1 = getDifferentLocationIndex(slots[0].c_str(), slots[1].c_str());
+  log("idx1 for 1-4 is %d", b1);
+  apply_branch(slots, 1, b1);
+  const int b2 = getDifferentLocationIndex(slots[4].c_str(), slots[5].c_str());
+  log("idx2 for 5-8 is %d", b2);
+  apply_branch(slots, 5, b2);
+
+  result.clear();
+  for (int i = 0; i < kUartSlots; ++i) result += (i ? "," : "") + slots[i];
+  log("usblocation is %@", result.c_str());
+  if (b1 == -1 && b2 == -1) return "error";
+  fill_usb_location(slots);
+  return result.c_str();
+}
+
+const char* getUSBLocationForMCU(long vendorId, long productId) {
+  thread_local std::string result;
+  auto devices = matching_devices(vendorId, productId);
+  if (!devices) {
+    log("enumUsbForLocationID - IOServiceMatching returned NULL.\n");
+    return "error";
+  }
+  result.clear();
+  for (libusb_device* device : *devices) {
+    const std::string name = platform_usb::product_string(device);
+    const auto location = logged_location(device);
+    if (location && contains_ignoring_case(name, "DFU Mode")) result = location_text(*location);
+  }
+  release_devices(*devices);
+  return result.c_str();
+}
+
+int getDifferentLocationIndex(const char* text1, const char* text2) {
+  const std::string a = text1 ? text1 : "", b = text2 ? text2 : "";
+  const int l1 = static_cast<int>(a.size()), l2 = static_cast<int>(b.size());
+  if (l1 != l2) {
+    log("Error Length for strLen1:%d, strLen2:%d", l1, l2);
+    return -1;
+  }
+  if (l1 < 1) {
+    log("Error strLen1:%d, strLen2:%d", l1, l1);
+    return -1;
+  }
+  for (int i = 0; i < l1; ++i) {
+    if (a[i] != b[i]) return i;
+  }
+  log("Error strLen1:%d, strLen2:%d", l1, l1);
+  return -1;
+}
+
+void addToUartLocationIDList(const char* uartName, uint32_t locationID) {
+  const std::string name = uartName ? uartName : "";
+  const char last = name.empty() ? '\0' : name.back();
+  const int k = std::isdigit(static_cast<unsigned char>(last)) ? last - '0' : 0;
+  if (k < 1 || k > 13) {
+    log("Shouldn't come here! Illegal USB UART Name:%@", uartName);
+    return;
+  }
+  g_ListUartLocationID[k - 1] = locationID;
+  log("Save %@ locationID 0x%x to list (index=%d)", uartName, locationID, k - 1);
+}
+
+uint32_t usbUartSiblingLocationID(int uartIndex) {
+  const uint32_t u =
+      uartIndex >= 0 && uartIndex < BRAKWELL_APPLE_DEV_MAX ? g_ListUartLocationID[uartIndex] : 0;
+  if (u == 0) {
+    log("No locationID for USB UART%d. Please check for existence of USB UART%d", uartIndex + 1,
+        uartIndex + 1);
+    return 0;
+  }
+  const std::string uart = stripped_hex(u);
+  const auto history = location_history();
+  for (uint32_t a : history) {
+    if (a == 0) continue;
+    const std::string apple = stripped_hex(a);
+    if (apple.size() != uart.size()) {
+      log("Something wrong when looking for USB UART sibling. UART location:0x%lx, Apple device "
+          "location:0x%lx",
+          static_cast<unsigned long>(u), static_cast<unsigned long>(a));
+      continue;
+    }
+    if (apple.compare(0, apple.size() - 1, uart, 0, uart.size() - 1) == 0) {
+      log("Found sibling Apple Device (location:0x%x) for UART (location:0x%lx)", a,
+          static_cast<unsigned long>(u));
+      return a;
+    }
+  }
+  log("Can't find sibling for UART (location:0x%x)", u);
+  for (uint32_t a : history) {
+    if (a != 0) log("Apple Device Location ID Found:0x%x", a);
+  }
+  write_report(uartIndex);
+  return 0;
+}
+
+}  // extern "C"

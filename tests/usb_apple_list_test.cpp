@@ -1,0 +1,315 @@
+// The Apple-device live list and history: arrivals and removals from the event thread, the host's
+// calls, full list, storms, and the thread's end at unload and exit.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <set>
+
+#include "Brakwell.h"
+#include "platform/sleep.h"
+#include "platform/usb_context.h"
+#include "support/log_capture.h"
+#include "topology.h"
+#include "usb.h"
+
+namespace {
+
+namespace platform_usb = brakwell::platform::usb;
+using brakwell::platform::monotonic_seconds;
+
+constexpr long kApple = 0x05ac, kUnit = 0x1281;
+
+template <typename Pred>
+bool wait_until(Pred pred, double seconds = 10) {
+  const double end = monotonic_seconds() + seconds;
+  while (!pred()) {
+    if (monotonic_seconds() > end) return false;
+    brakwell::platform::sleep_seconds(0.0005);
+  }
+  return true;
+}
+
+std::multiset<uint32_t> listed() {
+  std::multiset<uint32_t> out;
+  for (auto* record : g_pListAppleDev) {
+    if (record) out.insert(record->locationID);
+  }
+  return out;
+}
+
+std::vector<uint32_t> history() {
+  std::vector<uint32_t> out;
+  for (uint32_t id : g_ListUutLocationID) {
+    if (id) out.push_back(id);
+  }
+  return out;
+}
+
+std::string unit_path(int n) { return "1-3." + std::to_string(n); }  // 15 spare ports
+
+class AppleList : public ::testing::Test {
+ protected:
+  AppleList() {
+    platform_usb::shutdown();
+    usbDeviceRemoveAll();
+    std::memset(g_ListUutLocationID, 0, sizeof g_ListUutLocationID);
+  }
+  ~AppleList() override {
+    // Devices leave while the event thread still hears them, so that every record is freed.
+    for (auto* device : bus.devices()) {
+      if (device->spec().vendor == kApple) bus.remove(*device);
+    }
+    wait_until([] { return listed().empty(); }, 5);
+    platform_usb::shutdown();
+    usbDeviceRemoveAll();
+  }
+
+  sim::UsbDevice& add_unit(int n, const std::string& name = "iPhone") {
+    return bus.add({unit_path(n), kApple, kUnit, name, "", 0, {}});
+  }
+
+  sim::Testbed bed;
+  sim::UsbBus bus{bed};
+  testing_support::LogCapture log;
+};
+
+TEST_F(AppleList, AttachedAtOnceThenArrivalsAndRemovalsFromTheEventThread) {
+  bus.add_unit(1, "iPhone (DFU Mode)");
+  bus.add_unit(6, "iPhone (Recovery Mode)");
+  bus.add({"1-3.1", 0x05ac, 0x12a8, "Other Apple", "", 0, {}});  // other ids: never listed
+  EXPECT_EQ(usbDeviceConnStatus(kApple, kUnit), 0);
+  // The attached ones are handled before the call returns.
+  EXPECT_EQ(listed(), (std::multiset<uint32_t>{0x1113000, 0x1223000}));
+  EXPECT_TRUE(log.has("Apple Device added: DeviceName=iPhone (DFU Mode) locationID=0x1113000"));
+  EXPECT_TRUE(
+      log.has("Apple Device added: DeviceName=iPhone (Recovery Mode) locationID=0x1223000"));
+
+  sim::UsbDevice& third = bus.add_unit(3, "iPad");
+  ASSERT_TRUE(wait_until([] { return listed().size() == 3; }));
+  EXPECT_TRUE(log.has("Apple Device added: DeviceName=iPad locationID=0x1133000"));
+  bus.remove(third);
+  ASSERT_TRUE(wait_until([] { return listed().size() == 2; }));
+  EXPECT_TRUE(log.has("Apple Device removed. Device Name:iPad locationID: 0x1133000"));
+  EXPECT_EQ(history().size(), 3u);
+  EXPECT_EQ(history().back(), 0x1133000u);
+  EXPECT_EQ(log.syslog().size(), 4u);
+}
+
+TEST_F(AppleList, ThirteenArrivals) {
+  ASSERT_EQ(usbDeviceConnStatus(kApple, kUnit), 0);
+  std::vector<sim::UsbDevice*> units;
+  for (int n = 1; n <= 13; ++n) {
+    units.push_back(&add_unit(n));
+    ASSERT_TRUE(wait_until([&] {
+      return log.count("Apple Device added: DeviceName=iPhone locationID=0x13" +
+                       std::string(1, "0123456789abcdef"[n]) + "0000") == 1;
+    }));
+  }
+  EXPECT_EQ(listed().size(), 12u);
+  EXPECT_TRUE(
+      log.has("Warning: Max 12 Apple Devices supported! Added Apple Device (locationID:0x13d0000) "
+              "ignored!"));
+  EXPECT_EQ(history().size(), 12u);  // no free entry was left for the thirteenth
+  // The refused one is still watched: its removal frees it and clears nothing.
+  bus.remove(*units.back());
+  ASSERT_TRUE(wait_until(
+      [&] { return log.has("Apple Device removed. Device Name:iPhone locationID: 0x13d0000"); }));
+  EXPECT_EQ(listed().size(), 12u);
+}
+
+TEST_F(AppleList, FullListStillFillsAFreeHistoryEntry) {
+  std::vector<AppleDevRecord*> records;
+  for (int i = 0; i < 13; ++i) {
+    auto* record = static_cast<AppleDevRecord*>(std::calloc(1, sizeof(AppleDevRecord)));
+    record->deviceName = strdup("x");
+    record->locationID = i < 2 ? 0x1110000 : 0x1110000 + (static_cast<uint32_t>(i) << 12);
+    records.push_back(record);
+  }
+  for (int i = 0; i < 12; ++i) EXPECT_EQ(addSelfToAppleDevList(records[i]), 1);
+  EXPECT_EQ(history().size(), 11u);
+  EXPECT_EQ(addSelfToAppleDevList(records[12]), 0);
+  EXPECT_EQ(history().back(), 0x111c000u);
+  EXPECT_EQ(log.syslog(), std::vector<std::string>{"Warning: Max 12 Apple Devices supported! Added "
+                                                   "Apple Device (locationID:0x111c000) ignored!"});
+  EXPECT_EQ(addSelfToAppleDevList(nullptr), 0);
+  // removeSelfFromAppleDevList clears both records at the shared location and frees nothing.
+  removeSelfFromAppleDevList(0x1110000);
+  EXPECT_EQ(listed().count(0x1110000), 0u);
+  EXPECT_EQ(listed().size(), 10u);
+  usbDeviceRemoveAll();
+  for (auto* record : {records[0], records[1], records[12]}) {
+    std::free(record->deviceName);
+    std::free(record);
+  }
+}
+
+TEST_F(AppleList, LeaveAndComeBackAtTheSameLocation) {
+  ASSERT_EQ(usbDeviceConnStatus(kApple, kUnit), 0);
+  for (int round = 0; round < 2; ++round) {
+    sim::UsbDevice& unit = bus.add_unit(2, "iPhone");
+    ASSERT_TRUE(wait_until([] { return listed().size() == 1; }));
+    bus.remove(unit);
+    ASSERT_TRUE(wait_until([] { return listed().empty(); }));
+  }
+  bus.add_unit(2, "iPhone");
+  ASSERT_TRUE(wait_until([] { return listed().size() == 1; }));
+  EXPECT_EQ(history(), std::vector<uint32_t>{0x1123000});
+  EXPECT_EQ(log.count("Apple Device added: DeviceName=iPhone locationID=0x1123000"), 3u);
+  EXPECT_EQ(log.count("Apple Device removed. Device Name:iPhone locationID: 0x1123000"), 2u);
+}
+
+TEST_F(AppleList, OnlyTerminationRemoves) {
+  bus.add_unit(4, "iPhone");
+  ASSERT_EQ(usbDeviceConnStatus(kApple, kUnit), 0);
+  ASSERT_EQ(listed().size(), 1u);
+  log.clear();
+  for (uint32_t message : {0u, 0xE0000011u, 0xE0000100u, 0xE0000300u}) {
+    usbDeviceRemoval(g_pListAppleDev[0], nullptr, message, nullptr);
+  }
+  usbDeviceRemoval(nullptr, nullptr, 0xE0000010, nullptr);
+  EXPECT_EQ(listed().size(), 1u);
+  EXPECT_TRUE(log.syslog().empty());
+}
+
+TEST_F(AppleList, RemoveAllThenLateRemovalOfTheSameDevice) {
+  usbDeviceRemoveAll();  // never armed, nothing listed: nothing happens
+  EXPECT_TRUE(log.syslog().empty());
+  std::vector<sim::UsbDevice*> units = {&add_unit(1), &add_unit(2), &add_unit(3)};
+  ASSERT_EQ(usbDeviceConnStatus(kApple, kUnit), 0);
+  ASSERT_EQ(listed().size(), 3u);
+  log.clear();
+  usbDeviceRemoveAll();
+  EXPECT_TRUE(listed().empty());
+  auto lines = log.syslog();
+  std::sort(lines.begin(), lines.end());
+  EXPECT_EQ(lines, (std::vector<std::string>{
+                       "Apple Device removed. Device Name:iPhone locationID: 0x1310000",
+                       "Apple Device removed. Device Name:iPhone locationID: 0x1320000",
+                       "Apple Device removed. Device Name:iPhone locationID: 0x1330000"}));
+  EXPECT_EQ(history().size(), 3u);
+  // The freed records are out of reach of their devices' removals (ASan would see a use).
+  log.clear();
+  for (auto* unit : units) bus.remove(*unit);
+  // Still armed: a new arrival is listed again, and only then the log moves.
+  add_unit(4);
+  ASSERT_TRUE(wait_until([] { return listed().size() == 1; }));
+  EXPECT_EQ(log.syslog(),
+            std::vector<std::string>{"Apple Device added: DeviceName=iPhone locationID=0x1340000"});
+}
+
+// The units have no name string, so the library never opens them: under umockdev, opening a
+// device while the testbed removes it can wedge the ioctl worker.
+TEST_F(AppleList, StormOfArrivalsAndRemovals) {
+  ASSERT_EQ(usbDeviceConnStatus(kApple, kUnit), 0);
+  std::vector<sim::UsbDevice*> present(6, nullptr);
+  unsigned seed = 7;
+  int events = 0;
+  while (events < 1200) {
+    seed = seed * 1103515245 + 12345;
+    const size_t n = (seed >> 16) % present.size();
+    if (present[n]) {
+      bus.remove(*present[n]);
+      present[n] = nullptr;
+    } else {
+      present[n] = &add_unit(static_cast<int>(n) + 1, "");
+    }
+    ++events;
+  }
+  std::multiset<uint32_t> expected;
+  for (auto* device : present) {
+    if (device) expected.insert(device->location_id());
+  }
+  const bool settled = wait_until([&] { return listed() == expected; }, 60);
+  if (!settled) {
+    for (auto id : listed()) std::printf("listed %x\n", id);
+    for (auto id : expected) std::printf("expected %x\n", id);
+  }
+  ASSERT_TRUE(settled);
+  platform_usb::shutdown();  // nothing more comes: compare the logs
+  size_t added = 0, removed = 0;
+  for (const auto& line : log.syslog()) {
+    added += line.rfind("Apple Device added:", 0) == 0;
+    removed += line.rfind("Apple Device removed.", 0) == 0;
+  }
+  EXPECT_EQ(added, removed + expected.size());
+  EXPECT_LE(history().size(), present.size());
+}
+
+// Arrival-to-list latency on the event thread, and the thread's cost while nothing happens.
+TEST_F(AppleList, ArrivalLatencyAndIdleCost) {
+  ASSERT_EQ(usbDeviceConnStatus(kApple, kUnit), 0);
+  std::vector<double> latencies;
+  for (int i = 0; i < 100; ++i) {
+    const double start = monotonic_seconds();
+    sim::UsbDevice& unit = add_unit(5);
+    ASSERT_TRUE(wait_until([] { return listed().size() == 1; }));
+    latencies.push_back(monotonic_seconds() - start);
+    bus.remove(unit);
+    ASSERT_TRUE(wait_until([] { return listed().empty(); }));
+  }
+  std::sort(latencies.begin(), latencies.end());
+  std::printf("arrival-to-list latency: median %.2f ms, max %.2f ms (100 arrivals)\n",
+              latencies[50] * 1e3, latencies.back() * 1e3);
+  EXPECT_LT(latencies[50], 0.5);
+
+  rusage before{}, after{};
+  getrusage(RUSAGE_SELF, &before);
+  brakwell::platform::sleep_seconds(1.0);
+  getrusage(RUSAGE_SELF, &after);
+  const double cpu = (after.ru_utime.tv_sec - before.ru_utime.tv_sec) +
+                     (after.ru_stime.tv_sec - before.ru_stime.tv_sec) +
+                     (after.ru_utime.tv_usec - before.ru_utime.tv_usec) * 1e-6 +
+                     (after.ru_stime.tv_usec - before.ru_stime.tv_usec) * 1e-6;
+  std::printf("CPU while armed and idle: %.1f ms in 1 s\n", cpu * 1e3);
+  EXPECT_LT(cpu, 0.1);
+}
+
+size_t thread_count() {
+  size_t n = 0;
+  for ([[maybe_unused]] auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++n;
+  return n;
+}
+
+TEST_F(AppleList, EventThreadEndsAtUnload) {
+  const auto so =
+      std::filesystem::canonical("/proc/self/exe").parent_path().parent_path() / "libBrakwell.so";
+  if (!std::filesystem::exists(so)) GTEST_SKIP() << "no " << so;
+  add_unit(1);
+  const size_t threads = thread_count();
+  void* library = dlopen(so.c_str(), RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(library, nullptr) << dlerror();
+  auto arm = reinterpret_cast<int (*)(long, long)>(dlsym(library, "usbDeviceConnStatus"));
+  auto list = static_cast<AppleDevRecord**>(dlsym(library, "g_pListAppleDev"));
+  ASSERT_TRUE(arm && list);
+  EXPECT_EQ(arm(kApple, kUnit), 0);
+  EXPECT_NE(list[0], nullptr);
+  add_unit(2);
+  ASSERT_TRUE(wait_until([&] { return list[1] != nullptr; }));
+  EXPECT_GT(thread_count(), threads);
+  EXPECT_EQ(dlclose(library), 0);
+  EXPECT_TRUE(wait_until([&] { return thread_count() == threads; }, 2));
+}
+
+TEST_F(AppleList, EventThreadEndsAtProcessExit) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        sim::Testbed child;
+        sim::UsbBus childBus(child);
+        platform_usb::shutdown();
+        childBus.add_unit(1, "iPhone");
+        usbDeviceConnStatus(kApple, kUnit);
+        childBus.add_unit(2, "iPhone");
+        wait_until([] { return listed().size() == 2; });
+        std::exit(listed().size() == 2 ? 0 : 3);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace

@@ -2,7 +2,10 @@
 // and the location-ID rule.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "Brakwell.h"
+#include "platform/sleep.h"
 #include "platform/usb_context.h"
 #include "support/log_capture.h"
 #include "topology.h"
@@ -131,6 +134,24 @@ TEST_F(UsbEnum, SerialRequestAndBoardWhoseSerialCannotBeRead) {
              s.wIndex == 0x0409 && s.wLength == 256;
   }
   EXPECT_TRUE(asked);
+}
+
+// Thirty CDC devices: every one opened, named and asked for its serial number.
+TEST_F(UsbEnum, ThirtyDevicesTimed) {
+  for (int site = 1; site <= 8; ++site) bus.add_board(site);
+  for (int i = 0; i < 22; ++i) {
+    const std::string port =
+        i < 15 ? "1-3." + std::to_string(i + 1) : "1-4." + std::to_string(i - 14);
+    bus.add({port, 0x1fc9, 0xdf01, "cdc " + std::to_string(i), "S" + std::to_string(i), 0, {}});
+  }
+  platform_usb::context();
+  const double start = brakwell::platform::monotonic_seconds();
+  EXPECT_EQ(enumUsbForLocationID(0x1fc9, 0xdf01), 0);
+  const double took = brakwell::platform::monotonic_seconds() - start;
+  std::printf("enumUsbForLocationID over 30 devices: %.1f ms\n", took * 1e3);
+  const std::string names = mutableUSBDeviceName;
+  EXPECT_EQ(std::count(names.begin(), names.end(), ','), 30);
+  EXPECT_LT(took, 10.0);
 }
 
 TEST(UsbLocation, RuleOfTiers) {

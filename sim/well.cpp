@@ -111,7 +111,6 @@ void Well::release(int buttons, std::optional<double> at) {
 }
 
 bool Well::held_locked(int button, double t) const {
-  if (options_.autoOperator) return !(plate_.at(t) >= 1 && tray_.at(t) >= 1);
   bool held = false;
   double latest = -1;
   for (const ButtonEvent& e : buttons_) {

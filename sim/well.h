@@ -7,10 +7,9 @@
 // well 2), so a board given script_status() afterwards leaves the model. Positions and buttons
 // are worked out when a line arrives or a getter is called; nothing runs in the background.
 //
-// Operator scripts (FixtureOptions::operatorScript): "auto" holds both buttons whenever the plate
-// is up and still, and lets go once the plate is down with the tray in; otherwise a list of
-// "<buttons><+|->@<seconds>" separated by blanks or commas, seconds counted from start():
-// "AB+@0.2 A-@1.5 A+@2.5 AB-@6".
+// Operator scripts (FixtureOptions::operatorScript, other than "auto", which Fixture plays): a
+// list of "<buttons><+|->@<seconds>" separated by blanks or commas, seconds counted from
+// start(): "AB+@0.2 A-@1.5 A+@2.5 AB-@6".
 #pragma once
 
 #include <functional>
@@ -40,7 +39,6 @@ std::optional<std::vector<ButtonEvent>> parse_operator_script(const std::string&
 struct WellOptions {
   double pressTravel = 0.3;  // seconds between the plate's end positions
   double trayTravel = 0.3;
-  bool autoOperator = false;
   std::vector<ButtonEvent> script;
   bool garbled = false;  // status replies lack their marker, so they read as no answer
 };

@@ -161,10 +161,9 @@ bool SOC_PneumaticValveOn(int well, float timeout) {
   log("VELMORA: SOC_PneumaticValveOn WELL:%d", well + 1);
   const char* label = g_WellNumber == 2 ? (well == 0 ? "Left Well " : "Right Well ") : "";
   const double start = monotonic_seconds();
-  Cycle cycle{well, 0, label};
+  const Cycle cycle{well, well != 0 ? 4 : 0, label};
   PressState state = PressState::WaitBothDown;
   do {
-    if (well != 0) cycle.port = 4;
     const int status = status_of_well(well);
     log("VELMORA: SOC_PneumaticValveOn WELL:%d, rd is 0x%x", well + 1, status);
     if (status != -1) {

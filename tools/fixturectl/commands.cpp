@@ -275,6 +275,19 @@ std::string unescape(const std::string& text) {
   return out;
 }
 
+// The other way round, for showing what was sent.
+std::string escape(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    out += c == '\n'   ? "\\n"
+           : c == '\r' ? "\\r"
+           : c == '\t' ? "\\t"
+           : c == '\\' ? "\\\\"
+                       : std::string(1, c);
+  }
+  return out;
+}
+
 int cmd_raw(Context& ctx, const Args& args) {
   Args a = args;
   const bool exact = take_option(a, "--no-newline");
@@ -286,7 +299,7 @@ int cmd_raw(Context& ctx, const Args& args) {
   ctx.require_site_port(site);
   Json& r = ctx.out.result();
   r["site"] = site;
-  r["sent"] = text;
+  r["sent"] = escape(text);
   if (!SOC_Write(site - 1, text.c_str())) {
     fail(kFailed, "site " + std::to_string(site) + ": the write did not go through");
   }

@@ -32,6 +32,14 @@ void replace_device_name_text(const std::string& text) {
   std::free(old);
 }
 
+// The text goes with the library when it is unloaded.
+struct ReleaseAtUnload {
+  ~ReleaseAtUnload() {
+    std::free(mutableUSBDeviceName);
+    mutableUSBDeviceName = nullptr;
+  }
+} releaseAtUnload;
+
 // The last classified device decides: "USB-UART" first; otherwise the serial-cable text, then
 // "USB UART", which wins over it within one name.
 int classify(const std::string& name, int kind) {

@@ -40,6 +40,22 @@ std::recursive_mutex trackerMutex;
 std::map<uint32_t, Watch> watches;
 uint32_t nextNotification = 1;
 
+// At unload or exit every record still watched is freed. The event thread has ended by then: its
+// state is made at first use, after this object, and so is destroyed before it.
+struct ReleaseAtUnload {
+  ~ReleaseAtUnload() {
+    std::lock_guard lock(trackerMutex);
+    for (auto& [id, w] : watches) {
+      for (AppleDevRecord*& entry : g_pListAppleDev) {
+        if (entry == w.record) entry = nullptr;
+      }
+      std::free(w.record->deviceName);
+      std::free(w.record);
+    }
+    watches.clear();
+  }
+} releaseAtUnload;
+
 bool watched(intptr_t source, libusb_device* device) {
   const uint8_t bus = libusb_get_bus_number(device), address = libusb_get_device_address(device);
   for (const auto& [id, w] : watches) {

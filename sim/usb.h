@@ -13,9 +13,12 @@
 //   succeed; GET_CAPABILITIES reports no packet size limit, so a bulk transfer is one URB.
 // - libusb with udev builds its device list from uevents, not from a fresh scan: a device added
 //   without announce is seen only by a libusb context made after it. A libusb context also hears
-//   only the testbed that was current when it was made, so a program should keep one Testbed
-//   (and may make and drop UsbBus objects on it) or make the library drop its context between
-//   testbeds.
+//   only the testbed that was current when it was made: keep one Testbed for the program, or call
+//   brakwell::platform::usb::shutdown() before each new Testbed (and before the old one goes).
+// - umockdev's uevent sockets queue ten messages and drop the rest, so every uevent waits until
+//   the listeners of this process have taken the previous ones: storms are safe, only paced.
+// - Opening a device (or sending it a transfer) while the bus removes it can wedge umockdev's
+//   ioctl worker. Storm tests use devices without strings, which the library never opens.
 // - The root hub of each bus ("usb1", 1d6b:0002) exists from the first add, so that libusb finds
 //   /sys/bus/usb/devices. Hubs on a path are added on demand (05e3:0608 "USB2.0 Hub").
 #pragma once

@@ -15,6 +15,8 @@
 //                                                      elsewhere: the port path has no location
 //                                                      ID (a port above 15, or too deep)
 //   "Could not get serial number string using index"   the GET_DESCRIPTOR control transfer fails
+//   "... IOServiceAddInterestNotification ..."         no counterpart: a removal watch is an entry
+//                                                      in the tracker's table and cannot fail
 #pragma once
 
 #include <libusb.h>

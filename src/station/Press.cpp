@@ -5,6 +5,7 @@
 #include <initializer_list>
 
 #include "Brakwell.h"
+#include "common/numbers.h"
 #include "platform/keychord.h"
 #include "platform/log.h"
 #include "platform/sleep.h"
@@ -70,7 +71,7 @@ void send_back(const Cycle& c) {
   write_line(c.port, kOut);
 }
 void in_position(const Cycle& c) {
-  log("VELMORA: SOC_PneumaticValveOn WELL:%d, UUT in position", c.well + 1);
+  log("VELMORA: SOC_PneumaticValveOn WELL:%d, UUT in position", brakwell::one_based(c.well));
   log("%@ Upper plate pressed down to the bottom!", c.label);
   turnOnRunLed(c.well);
 }
@@ -158,16 +159,16 @@ void post_chord(const char* name, brakwell::platform::ChordLetter letter) {
 extern "C" {
 
 bool SOC_PneumaticValveOn(int well, float timeout) {
-  log("VELMORA: SOC_PneumaticValveOn WELL:%d", well + 1);
+  log("VELMORA: SOC_PneumaticValveOn WELL:%d", brakwell::one_based(well));
   const char* label = g_WellNumber == 2 ? (well == 0 ? "Left Well " : "Right Well ") : "";
   const double start = monotonic_seconds();
   const Cycle cycle{well, well != 0 ? 4 : 0, label};
   PressState state = PressState::WaitBothDown;
   do {
     const int status = status_of_well(well);
-    log("VELMORA: SOC_PneumaticValveOn WELL:%d, rd is 0x%x", well + 1, status);
+    log("VELMORA: SOC_PneumaticValveOn WELL:%d, rd is 0x%x", brakwell::one_based(well), status);
     if (status != -1) {
-      log(kWaiting[static_cast<int>(state)], well + 1);
+      log(kWaiting[static_cast<int>(state)], brakwell::one_based(well));
       for (const Transition& t : kTransitions) {
         if (t.from != state || !t.when(status)) continue;
         t.act(cycle);
@@ -183,9 +184,10 @@ bool SOC_PneumaticValveOn(int well, float timeout) {
 
 // Closes and lowers without waiting for anyone; the status is read and logged only.
 bool SOC_PneumaticValveAutoOn(int well, float /*timeout*/) {
-  log("VELMORA: SOC_PneumaticValveAutoOn WELL:%d", well + 1);
+  log("VELMORA: SOC_PneumaticValveAutoOn WELL:%d", brakwell::one_based(well));
   sleep_seconds(0.1);
-  log("VELMORA: SOC_PneumaticValveAutoOn: WELL %d, rdData = %d", well + 1, status_of_well(well));
+  log("VELMORA: SOC_PneumaticValveAutoOn: WELL %d, rdData = %d", brakwell::one_based(well),
+      status_of_well(well));
   const int port = well != 0 ? 4 : 0;
   write_line(port, kIn);
   sleep_seconds(0.2);
@@ -196,7 +198,7 @@ bool SOC_PneumaticValveAutoOn(int well, float /*timeout*/) {
 
 // Only exactly 1 is the second well here, unlike the press cycle and the status tests.
 bool SOC_PneumaticValveOff(int well) {
-  log("VELMORA: SOC_PneumaticValveOff WELL:%d", well + 1);
+  log("VELMORA: SOC_PneumaticValveOff WELL:%d", brakwell::one_based(well));
   const int port = well == 1 ? 4 : 0;
   bool written = false;
   for (const char* command : {kUp, kOut}) {
@@ -204,7 +206,7 @@ bool SOC_PneumaticValveOff(int well) {
     written = write_line(port, command);
     log(written ? "VELMORA: SOC_PneumaticValveOff, WELL:%d, Successfully write %@"
                 : "VELMORA: SOC_PneumaticValveOff, WELL:%d, Failed to write %@",
-        well + 1, command);
+        brakwell::one_based(well), command);
   }
   return written;
 }

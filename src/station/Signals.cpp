@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Brakwell.h"
+#include "common/numbers.h"
 #include "platform/log.h"
 #include "platform/sleep.h"
 
@@ -108,16 +109,16 @@ void log_outcome(const char* name, int uut, const char* command, bool written,
       std::string(kPrefix) + name + ", UUT:%d, " +
       (written ? std::string("Successfully ") + successVerb : std::string("Failed to write")) +
       " %@";
-  log(format.c_str(), uut + 1, command);
+  log(format.c_str(), brakwell::one_based(uut), command);
 }
 
 bool send_signal(Id id, int uut, bool on) {
   const Signal& s = kSignals[id];
-  if (s.entry) log(s.entry, uut + 1, on);
+  if (s.entry) log(s.entry, brakwell::one_based(uut), on);
   if (s.departure == Departure::BeforeLine) {
     const std::string before = std::string(kPrefix) + (on ? "before ON, " : "before OFF, ") +
                                (s.entry + sizeof kPrefix - 1);
-    log(before.c_str(), uut + 1, on);
+    log(before.c_str(), brakwell::one_based(uut), on);
   }
   if (s.departure == Departure::FoldIndex && uut > 3) uut -= 4;
   const char* command = on || !s.off ? s.on : s.off;
@@ -128,7 +129,7 @@ bool send_signal(Id id, int uut, bool on) {
 
 // Reset and power-off of a whole well put the same line on every site's board.
 bool reset_well(const char* name, int well) {
-  log((std::string(kPrefix) + name + " WELL:%d").c_str(), well + 1);
+  log((std::string(kPrefix) + name + " WELL:%d").c_str(), brakwell::one_based(well));
   const int first = well == 1 ? 4 : 0;
   for (int uut = first; uut < first + 4; ++uut) {
     sleep_seconds(kLinePause);
@@ -139,7 +140,7 @@ bool reset_well(const char* name, int well) {
 
 // Hi5 boot-mode entry: enable, then the mode line, whatever the first write did.
 bool hi5_enter(const char* name, int uut, const char* mode, double pause) {
-  log((std::string(kPrefix) + name + " UUT:%d").c_str(), uut + 1);
+  log((std::string(kPrefix) + name + " UUT:%d").c_str(), brakwell::one_based(uut));
   log_outcome(name, uut, kHi5Enable, write_line(uut, kHi5Enable));
   sleep_seconds(pause);
   const bool written = write_line(uut, mode);
@@ -155,7 +156,7 @@ bool SOC_Reset(int well) { return reset_well("SOC_Reset", well); }
 bool SOC_PowerOff(int well) { return reset_well("SOC_PowerOff", well); }
 
 bool SOC_RunLed(int well, bool turnOn) {
-  log("VELMORA: SOC_RunLed WELL:%d TurnOn:%d", well + 1, turnOn);
+  log("VELMORA: SOC_RunLed WELL:%d TurnOn:%d", brakwell::one_based(well), turnOn);
   return turnOn ? turnOnRunLed(well) : turnOffRunLed(well);
 }
 
@@ -200,7 +201,7 @@ bool SOC_Write(int uut, const char* text) {
   const bool written = write_line(uut, text);
   log(written ? "VELMORA: SOC_Write, UUT:%d, Successfully write %s"
               : "VELMORA: SOC_Write, UUT:%d, Failed to write %s",
-      uut + 1, text);
+      brakwell::one_based(uut), text);
   return written;
 }
 

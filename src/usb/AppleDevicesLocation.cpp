@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Brakwell.h"
+#include "common/numbers.h"
 #include "platform/log.h"
 #include "platform/usb_context.h"
 #include "usb/AppleDevices.h"
@@ -81,7 +82,8 @@ void write_report(int uartIndex) {
   localtime_r(&now, &local);
   std::strftime(stamp, sizeof stamp, "%y%m%d-%H%M%S", &local);
   char path[96];
-  std::snprintf(path, sizeof path, "/tmp/%s%d_%s", "VEL_USB_UUT", uartIndex + 1, stamp);
+  std::snprintf(path, sizeof path, "/tmp/%s%d_%s", "VEL_USB_UUT", brakwell::one_based(uartIndex),
+                stamp);
   if (!platform_usb::write_usb_report(path)) log("USB report %@ could not be written", path);
 }
 
@@ -177,8 +179,8 @@ uint32_t usbUartSiblingLocationID(int uartIndex) {
   const uint32_t u =
       uartIndex >= 0 && uartIndex < BRAKWELL_APPLE_DEV_MAX ? g_ListUartLocationID[uartIndex] : 0;
   if (u == 0) {
-    log("No locationID for USB UART%d. Please check for existence of USB UART%d", uartIndex + 1,
-        uartIndex + 1);
+    log("No locationID for USB UART%d. Please check for existence of USB UART%d",
+        brakwell::one_based(uartIndex), brakwell::one_based(uartIndex));
     return 0;
   }
   const std::string uart = stripped_hex(u);

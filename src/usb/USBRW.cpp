@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "common/numbers.h"
 #include "platform/alert.h"
 #include "platform/log.h"
 #include "platform/usb_context.h"
@@ -299,7 +300,7 @@ void readTimerHandler(void* /*timer*/, const int* moduleIndex) {
   if (!moduleIndex) return;
   const int i = *moduleIndex;
   brakwell::platform::log("VELMORA: USBDIO_0%d Read Timeout! readTimerHandler invoked!",
-                          static_cast<int>(static_cast<unsigned>(i) + 1u));
+                          brakwell::one_based(i));
   if (valid_module(i)) g_bReadError[i] = 1;
 }
 

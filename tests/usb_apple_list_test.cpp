@@ -299,7 +299,8 @@ TEST_F(AppleList, EventThreadEndsAtUnload) {
   ASSERT_TRUE(wait_until([&] { return list[1] != nullptr; }));
   EXPECT_GT(thread_count(), threads);
   EXPECT_EQ(dlclose(library), 0);
-  EXPECT_TRUE(wait_until([&] { return thread_count() == threads; }, 2));
+  // Other threads of this program may end meanwhile; none of the library's may stay.
+  EXPECT_TRUE(wait_until([&] { return thread_count() <= threads; }, 5));
 }
 
 TEST_F(AppleList, EventThreadEndsAtProcessExit) {

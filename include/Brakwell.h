@@ -6,8 +6,10 @@
  * Threads: every call runs to its end on the caller's thread, and every pause is a sleep of that
  * thread. The process-wide tables below are not guarded: the host must not overlap calls that
  * touch the same site, well or module. The one exception is the Apple-device tracker, whose
- * arrivals and removals come from the library's USB event thread; its lists are guarded inside
- * the library, so read them only through the calls of that family.
+ * arrivals and removals come from the library's USB event thread; the library guards its lists
+ * with one lock of its own. A host that reads g_pListAppleDev or g_ListUutLocationID directly
+ * may see them change as it reads, and must neither free a record nor keep its pointer: a
+ * record lives only until its device leaves.
  *
  * Texts: a `const char *` result is never freed or changed by the host. Static texts ("error",
  * "UNKNOWN", the vendor and version texts) live as long as the library; a text made at call time

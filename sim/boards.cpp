@@ -78,8 +78,18 @@ void Board::script_status(std::vector<std::string> replies) {
 }
 
 void Board::unplug() {
+  // /dev/null takes the place of the testbed's end: the pseudo-terminal's last master closes (the
+  // port hangs up) while the testbed keeps a descriptor number that it may close later.
   const int fd = fd_.exchange(-1);
-  if (fd >= 0) close(fd);
+  if (fd >= 0) {
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (null >= 0) {
+      dup2(null, fd);
+      close(null);
+    } else {
+      close(fd);
+    }
+  }
   // The kernel hangs the port up a moment after its other end closes; an unplug is complete
   // once the library's end sees it.
   if (holdFd_ >= 0) {
@@ -148,6 +158,8 @@ Board& Boards::add(const PortSpec& spec) {
   // The testbed's end must not block the reader thread. It stays the testbed's: closing it is
   // unplugging the board, and the testbed closes it at the end.
   fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+  // A program run inside the fixture must not inherit it, or the port could never hang up.
+  fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC);
   // Keep the library's end open too, raw: a pseudo-terminal whose other end nobody holds reports
   // a hang-up at every poll, and a cooked one would echo the board's replies back to it.
   const int hold = open(spec.devnode.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);

@@ -25,10 +25,6 @@ Fixture::Fixture(FixtureOptions options)
     usb_->add_uart(n);
     boardDevices_[n] = &usb_->add_board(n);
     boards_->add_site(n);
-    // A program run inside the fixture must not inherit the board's end of its port, or the
-    // port could not hang up when the board is unplugged.
-    const int master = umockdev_testbed_get_dev_fd(bed_->raw(), board_devnode(n).c_str());
-    if (master >= 0) fcntl(master, F_SETFD, fcntl(master, F_GETFD) | FD_CLOEXEC);
   }
   units_ = std::make_unique<Units>(*bed_, *usb_, sites_);
   WellOptions well;
@@ -131,14 +127,6 @@ void Fixture::strike(const TimedFault& fault) {
     case TimedFault::BoardUnplugged: {
       if (!boards_->has_site(fault.target)) return;
       boards_->site(fault.target).unplug();
-      // The testbed keeps its own end of the pseudo-terminal open, so the port would still take
-      // writes. Putting /dev/null in its place hangs the port up (writes fail, opens fail) and
-      // leaves the testbed a descriptor it may close later.
-      const int master =
-          umockdev_testbed_get_dev_fd(bed_->raw(), board_devnode(fault.target).c_str());
-      const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-      if (master >= 0 && null >= 0) dup2(null, master);
-      if (null >= 0) close(null);
       usb_->remove(*boardDevices_.at(fault.target));
       break;
     }

@@ -646,7 +646,8 @@ UsbDevice& UsbBus::add_board(int site) {
 
 UsbDevice& UsbBus::add_uart(int site, std::string name) {
   if (name.empty()) name = "USB UART" + std::to_string(site);
-  UsbDeviceSpec spec{site_port_path(site, kUartPort), 0x0403, 0x6001, name, "", 0, {}};
+  UsbDeviceSpec spec{site_port_path(site, kUartPort),  0x0403, 0x6001, name,
+                     "RT00000" + std::to_string(site), 0,      {}};
   spec.interfaces = {UsbInterfaceSpec{0xff, 0xff, 0xff, {{0x81, 2}, {0x02, 2}}}};
   return add(spec);
 }

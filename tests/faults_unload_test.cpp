@@ -1,10 +1,9 @@
 // The shared library loaded and unloaded again and again with its USB event thread armed and a
-// device arriving each time: every unload must take the thread with it and leave nothing
-// behind (LeakSanitizer checks the heap at exit in the sanitizer build).
+// device arriving and leaving each time: every unload must take the thread with it and leave
+// nothing behind (LeakSanitizer checks the heap at exit in the sanitizer build).
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 
 #include "Brakwell.h"
@@ -31,15 +30,10 @@ bool wait_until(Pred pred, double seconds) {
   return true;
 }
 
-// The library beside this program's build: <build>/libBrakwell.so, or BRAKWELL_LIBRARY.
-std::filesystem::path library_path() {
-  if (const char* path = std::getenv("BRAKWELL_LIBRARY")) return path;
-  return std::filesystem::canonical("/proc/self/exe").parent_path().parent_path() /
-         "libBrakwell.so";
-}
-
 TEST(Unload, RepeatedlyWithTheEventThreadArmed) {
-  const auto so = library_path();
+  // The library beside this program's build.
+  const auto so =
+      std::filesystem::canonical("/proc/self/exe").parent_path().parent_path() / "libBrakwell.so";
   ASSERT_TRUE(std::filesystem::exists(so)) << so << " (build the Brakwell target)";
   sim::Testbed bed;
   sim::UsbBus bus(bed);
@@ -53,7 +47,6 @@ TEST(Unload, RepeatedlyWithTheEventThreadArmed) {
     auto list = static_cast<AppleDevRecord**>(dlsym(library, "g_pListAppleDev"));
     ASSERT_TRUE(arm && list);
     EXPECT_EQ(arm(0x05ac, 0x1281), 0);
-    EXPECT_NE(list[0], nullptr);  // the unit already there
     sim::UsbDevice& unit = bus.add_unit(2, "iPad");
     EXPECT_TRUE(wait_until([&] { return list[1] != nullptr; }, 5));
     EXPECT_GT(thread_count(), threads);

@@ -44,6 +44,7 @@ struct State {
   std::deque<Event> queue;
   std::atomic<std::thread::id> threadId{};
   std::atomic<bool> stop{false};
+  std::vector<ContextEndHook> endHooks;  // under mutex
 
   ~State();
 };
@@ -119,7 +120,10 @@ void stop_all(State& s) {
     for (auto& event : s.queue) libusb_unref_device(event.device);
     s.queue.clear();
   }
-  if (s.ctx) libusb_exit(s.ctx);
+  if (s.ctx) {
+    for (ContextEndHook hook : s.endHooks) hook();
+    libusb_exit(s.ctx);
+  }
   s.ctx = nullptr;
 }
 
@@ -236,6 +240,14 @@ int watch_devices(uint16_t vendor, uint16_t product, HotplugHandler handler) {
 bool on_event_thread() { return std::this_thread::get_id() == state().threadId.load(); }
 
 void shutdown() { stop_all(state()); }
+
+void on_context_end(ContextEndHook hook) {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  if (std::find(s.endHooks.begin(), s.endHooks.end(), hook) == s.endHooks.end()) {
+    s.endHooks.push_back(hook);
+  }
+}
 
 bool write_usb_report(const std::string& path) {
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);

@@ -47,6 +47,11 @@ bool on_event_thread();
 // was made.
 void shutdown();
 
+// Registers a function that gives back what its unit still holds on the context (open device
+// handles) just before the context ends; registering the same function again does nothing.
+using ContextEndHook = void (*)();
+void on_context_end(ContextEndHook hook);
+
 // Runs `lsusb -v` (no shell) with its standard output written to `path`, which must not exist
 // yet (created O_CREAT|O_EXCL|O_NOFOLLOW, mode 0644), and waits for it. False when the file
 // cannot be created or the program cannot be run.

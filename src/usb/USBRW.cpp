@@ -69,6 +69,11 @@ void close_device(int m) {
 
 }  // namespace
 
+// The context is ending: a module that left the bus without closeUSB still holds its handle.
+void release_all_modules() {
+  for (int m = 0; m < kModules; ++m) release_module(m);
+}
+
 // Closing the handle also gives back any interface still claimed on it.
 void release_module(int m) {
   if (g_dev[m]) close_device(m);

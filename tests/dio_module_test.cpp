@@ -1,6 +1,6 @@
 // The USB DIO module driver against virtual modules: opening and closing, the pipes and the
 // vendor request, a broken link, the register frames, the sensor debounce and the board id.
-// Bad numbers and null pointers are the faults_* suites' (bad_input, usb).
+// Bad module numbers are faults_bad_input_test's.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -217,6 +217,7 @@ TEST_F(Dio, BrokenLinkAlertsOnceAndSilencesThePipes) {
 TEST_F(Dio, AsyncReadCallbacksAndAlertText) {
   const int second = 1;
   readTimerHandler(nullptr, &second);
+  readTimerHandler(nullptr, nullptr);
   readCompletion(nullptr, 0);
   readCompletion(nullptr, static_cast<int>(0xe00002d6));
   EXPECT_EQ(log.syslog(),
@@ -254,6 +255,12 @@ TEST_F(Dio, RegisterFramesOpenReadStatusClose) {
   EXPECT_EQ(value, 0x47u);
   unsigned char buffer[64] = {};
   EXPECT_EQ(readFromEndpt(0, 1, buffer, 1), 1);  // ten bytes whatever the size
+  // Refused without a transfer: no channel 0, no pipe 3, no register 16, no buffer, no text.
+  EXPECT_EQ(writeToEndpt(0, 0, buffer, 3), 0);
+  EXPECT_EQ(readFromEndpt(0, 2, buffer, 10), 0);
+  EXPECT_EQ(readFromEndpt(0, 1, nullptr, 10), 0);
+  EXPECT_EQ(dioWrite(0, 16, "0x01"), 0);
+  EXPECT_EQ(dioWrite(0, 2, nullptr), 0);
   EXPECT_EQ(module.read_lengths(), (std::vector<size_t>{10, 10, 10}));
   for (int r : {1, 3, 10}) dio::reg[0][r] = 0x77;
   resetAllRegisters2(0);  // leaves 1, 3 and 10 alone
@@ -291,9 +298,9 @@ TEST_F(Dio, WriteTexts) {
 TEST(DioStrToInt, Forms) {
   const std::pair<const char*, long> cases[] = {
       {"0x1F", 31}, {"0X1f", 31}, {"0x", 0},  {"010", 10}, {"12ab", 12},
-      {"-5", -5},   {"0xZZ", 0},  {"x10", 0}, {"", 0},
+      {"-5", -5},   {"0xZZ", 0},  {"x10", 0}, {"", 0},     {nullptr, 0},
   };
-  for (const auto& [text, want] : cases) EXPECT_EQ(strToInt(text), want) << text;
+  for (const auto& [text, want] : cases) EXPECT_EQ(strToInt(text), want) << (text ? text : "null");
 }
 
 TEST_F(Dio, SensorDebounce) {
@@ -357,6 +364,7 @@ TEST_F(Dio, BoardId) {
     EXPECT_EQ(id, c.id);
     EXPECT_EQ(module.status_reads(), c.reads);
   }
+  EXPECT_FALSE(SOC_BoardID(0, nullptr));
 }
 
 }  // namespace

@@ -134,6 +134,7 @@ TEST_F(AppleList, FullListStillFillsAFreeHistoryEntry) {
   EXPECT_EQ(history().back(), 0x111c000u);
   EXPECT_EQ(log.syslog(), Lines{"Warning: Max 12 Apple Devices supported! Added Apple Device "
                                 "(locationID:0x111c000) ignored!"});
+  EXPECT_EQ(addSelfToAppleDevList(nullptr), 0);
   // removeSelfFromAppleDevList clears both records at the shared location and frees nothing.
   removeSelfFromAppleDevList(0x1110000);
   EXPECT_EQ(listed().count(0x1110000), 0u);
@@ -153,6 +154,7 @@ TEST_F(AppleList, OnlyTerminationRemovesThenRemoveAllAndLateRemovals) {
   for (uint32_t message : {0u, 0xE0000011u, 0xE0000100u, 0xE0000300u}) {
     usbDeviceRemoval(g_pListAppleDev[0], nullptr, message, nullptr);
   }
+  usbDeviceRemoval(nullptr, nullptr, 0xE0000010, nullptr);
   EXPECT_EQ(listed().size(), 3u);
   EXPECT_TRUE(log.syslog().empty());
 

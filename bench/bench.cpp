@@ -254,7 +254,7 @@ class Bench {
     controllers_[1] = create_fixture_controller(1);
     define();
 
-    double measuredSum = 0, specifiedSum = 0;
+    double measuredSum = 0, plannedSum = 0;
     int early = 0, mismatches = 0;
     std::vector<double> excess;
     std::vector<std::pair<double, std::string>> excessOf;  // time beyond the pauses, all runs
@@ -265,7 +265,7 @@ class Bench {
       Measured m;
       m.gaps.resize(sequence.lines.size());
       for (int r = 0; r < runs; ++r) measure(sequence, m);
-      const double specified = specified_of(sequence);
+      const double planned = planned_of(sequence);
       double shortest = INFINITY, shortestPause = 0;
       int seqEarly = 0;
       for (size_t i = 0; i < sequence.lines.size(); ++i) {
@@ -295,7 +295,7 @@ class Bench {
         }
       }
       for (double d : m.durations) measuredSum += d;
-      specifiedSum += specified * static_cast<double>(m.durations.size());
+      plannedSum += planned * static_cast<double>(m.durations.size());
       const double med = median(m.durations);
       const double worst = *std::max_element(m.durations.begin(), m.durations.end());
       char gapText[64] = "-";
@@ -303,15 +303,15 @@ class Bench {
         std::snprintf(gapText, sizeof gapText, "%.4f / %.3f", shortest, shortestPause);
       }
       char overhead[32] = "-";
-      if (specified > 0) {
-        std::snprintf(overhead, sizeof overhead, "%+.2f%%", 100 * (med - specified) / specified);
+      if (planned > 0) {
+        std::snprintf(overhead, sizeof overhead, "%+.2f%%", 100 * (med - planned) / planned);
       }
-      std::printf("%-34s %9.3f %9.4f %9.4f %9s %22s %5d%s\n", sequence.name.c_str(), specified, med,
+      std::printf("%-34s %9.3f %9.4f %9.4f %9s %22s %5d%s\n", sequence.name.c_str(), planned, med,
                   worst, overhead, gapText, seqEarly, m.mismatches ? "  LINES DIFFER" : "");
       if (commands) print_commands(sequence, m);
       std::fflush(stdout);
       excessOf.push_back({std::accumulate(m.durations.begin(), m.durations.end(), 0.0) -
-                              specified * static_cast<double>(m.durations.size()),
+                              planned * static_cast<double>(m.durations.size()),
                           sequence.name});
       early += seqEarly;
       mismatches += m.mismatches;
@@ -320,7 +320,7 @@ class Bench {
     for (const auto& note : earlyNotes) std::printf("early gap: %s\n", note.c_str());
     std::sort(excessOf.rbegin(), excessOf.rend());
     std::printf("\nmost time beyond the pauses (all runs, of %.3f s in all):",
-                measuredSum - specifiedSum);
+                measuredSum - plannedSum);
     for (size_t i = 0; i < 4 && i < excessOf.size(); ++i) {
       std::printf("%s %s %.3f s", i ? "," : "", excessOf[i].second.c_str(), excessOf[i].first);
     }
@@ -336,12 +336,12 @@ class Bench {
     std::printf(
         "\ntiming: %zu sequences, overhead %.2f%% over specified pauses, %d early gaps, "
         "median command excess %.0f us\n",
-        sequences_.size(), 100 * (measuredSum - specifiedSum) / specifiedSum, early,
+        sequences_.size(), 100 * (measuredSum - plannedSum) / plannedSum, early,
         median(excess) * 1e6);
   }
 
  private:
-  static double specified_of(const Sequence& sequence) {
+  static double planned_of(const Sequence& sequence) {
     double total = sequence.tail;
     for (const auto& line : sequence.lines) total += line.pause;
     return total;

@@ -52,44 +52,44 @@ struct libusb_interface_descriptor;
  * ------------------------------------------------------------------------------------------- */
 typedef struct FixtureController FixtureController; /* opaque */
 
-BRAKWELL_API extern const char *USBLocation[BRAKWELL_UUT_COUNT];
+BRAKWELL_API extern const char* USBLocation[BRAKWELL_UUT_COUNT];
 
-BRAKWELL_API FixtureController *create_fixture_controller(int index);
-BRAKWELL_API void release_fixture_controller(FixtureController *handle);
-BRAKWELL_API const char *get_vendor(void);
-BRAKWELL_API const char *get_serial_number(FixtureController *handle);
-BRAKWELL_API const char *get_error_message(int status);
-BRAKWELL_API const char *get_version(FixtureController *handle);
-BRAKWELL_API int get_site_count(FixtureController *handle);
-BRAKWELL_API int get_actuator_count(FixtureController *handle);
-BRAKWELL_API const char *get_usb_location(FixtureController *handle, int site);
-BRAKWELL_API const char *get_uart_path(FixtureController *handle, int site);
-BRAKWELL_API int actuator_for_site(FixtureController *handle, int site);
+BRAKWELL_API FixtureController* create_fixture_controller(int index);
+BRAKWELL_API void release_fixture_controller(FixtureController* handle);
+BRAKWELL_API const char* get_vendor(void);
+BRAKWELL_API const char* get_serial_number(FixtureController* handle);
+BRAKWELL_API const char* get_error_message(int status);
+BRAKWELL_API const char* get_version(FixtureController* handle);
+BRAKWELL_API int get_site_count(FixtureController* handle);
+BRAKWELL_API int get_actuator_count(FixtureController* handle);
+BRAKWELL_API const char* get_usb_location(FixtureController* handle, int site);
+BRAKWELL_API const char* get_uart_path(FixtureController* handle, int site);
+BRAKWELL_API int actuator_for_site(FixtureController* handle, int site);
 
 /* Actuators, LEDs and fixture state. LED states: 0 OFF, 1 PASS, 2 FAIL, 3 INPROGRESS. */
-BRAKWELL_API int init(FixtureController *handle);
-BRAKWELL_API int reset(FixtureController *handle);
-BRAKWELL_API int fixture_engage(FixtureController *handle);
-BRAKWELL_API int fixture_disengage(FixtureController *handle);
-BRAKWELL_API int fixture_close(FixtureController *handle);
-BRAKWELL_API int fixture_open(FixtureController *handle);
-BRAKWELL_API bool is_fixture_engaged(FixtureController *handle);
-BRAKWELL_API bool is_fixture_disengaged(FixtureController *handle);
-BRAKWELL_API bool is_fixture_closed(FixtureController *handle);
-BRAKWELL_API bool is_fixture_open(FixtureController *handle);
-BRAKWELL_API int set_led_state(FixtureController *handle, int state, int site);
-BRAKWELL_API int set_led_state_all(FixtureController *handle, int state);
+BRAKWELL_API int init(FixtureController* handle);
+BRAKWELL_API int reset(FixtureController* handle);
+BRAKWELL_API int fixture_engage(FixtureController* handle);
+BRAKWELL_API int fixture_disengage(FixtureController* handle);
+BRAKWELL_API int fixture_close(FixtureController* handle);
+BRAKWELL_API int fixture_open(FixtureController* handle);
+BRAKWELL_API bool is_fixture_engaged(FixtureController* handle);
+BRAKWELL_API bool is_fixture_disengaged(FixtureController* handle);
+BRAKWELL_API bool is_fixture_closed(FixtureController* handle);
+BRAKWELL_API bool is_fixture_open(FixtureController* handle);
+BRAKWELL_API int set_led_state(FixtureController* handle, int state, int site);
+BRAKWELL_API int set_led_state_all(FixtureController* handle, int state);
 BRAKWELL_API bool PneumaticValveOn(int well, float timeLimit);
 BRAKWELL_API bool PneumaticValveAutoOn(int well, float timeLimit);
 
 /* DUT power and boot-mode sequences. state 1 is OFF, any other value ON. */
-BRAKWELL_API int set_usb_power(FixtureController *handle, int state, int site);
-BRAKWELL_API int set_battery_power(FixtureController *handle, int state, int site);
-BRAKWELL_API int set_force_dfu(FixtureController *handle, int state, int site);
-BRAKWELL_API int set_force_diags(FixtureController *handle, int state, int site);
-BRAKWELL_API int set_force_iboot(FixtureController *handle, int state, int site);
-BRAKWELL_API int set_dut_power(FixtureController *handle, int state, int site);
-BRAKWELL_API int set_dut_power_all(FixtureController *handle, int state);
+BRAKWELL_API int set_usb_power(FixtureController* handle, int state, int site);
+BRAKWELL_API int set_battery_power(FixtureController* handle, int state, int site);
+BRAKWELL_API int set_force_dfu(FixtureController* handle, int state, int site);
+BRAKWELL_API int set_force_diags(FixtureController* handle, int state, int site);
+BRAKWELL_API int set_force_iboot(FixtureController* handle, int state, int site);
+BRAKWELL_API int set_dut_power(FixtureController* handle, int state, int site);
+BRAKWELL_API int set_dut_power_all(FixtureController* handle, int state);
 
 /* Signal flags and state getters: log and succeed, touching nothing. */
 BRAKWELL_API extern uint16_t action_usb_signal;
@@ -102,22 +102,22 @@ BRAKWELL_API extern uint16_t action_conn_det_grounded;
 BRAKWELL_API extern uint16_t action_hi5_bs_grounded;
 BRAKWELL_API extern uint16_t action_conn_acc_apple_id;
 
-BRAKWELL_API int set_conn_acc_apple_id(FixtureController *handle, int value, int site);
-BRAKWELL_API int set_usb_signal(FixtureController *handle, int value, int site);
-BRAKWELL_API int set_uart_signal(FixtureController *handle, int value, int site);
-BRAKWELL_API int set_apple_id(FixtureController *handle, int value, int site);
-BRAKWELL_API int set_conn_det_grounded(FixtureController *handle, int value, int site);
-BRAKWELL_API int set_hi5_bs_grounded(FixtureController *handle, int value, int site);
-BRAKWELL_API int usb_power(FixtureController *handle, int site);
-BRAKWELL_API int battery_power(FixtureController *handle, int site);
-BRAKWELL_API int force_dfu(FixtureController *handle, int site);
-BRAKWELL_API int usb_signal(FixtureController *handle, int site);
-BRAKWELL_API int uart_signal(FixtureController *handle, int site);
-BRAKWELL_API int apple_id(FixtureController *handle, int site);
-BRAKWELL_API int conn_det_grounded(FixtureController *handle, int site);
-BRAKWELL_API int hi5_bs_grounded(FixtureController *handle, int site);
-BRAKWELL_API int dut_power(FixtureController *handle, int site);
-BRAKWELL_API bool is_board_detected(FixtureController *handle, int site);
+BRAKWELL_API int set_conn_acc_apple_id(FixtureController* handle, int value, int site);
+BRAKWELL_API int set_usb_signal(FixtureController* handle, int value, int site);
+BRAKWELL_API int set_uart_signal(FixtureController* handle, int value, int site);
+BRAKWELL_API int set_apple_id(FixtureController* handle, int value, int site);
+BRAKWELL_API int set_conn_det_grounded(FixtureController* handle, int value, int site);
+BRAKWELL_API int set_hi5_bs_grounded(FixtureController* handle, int value, int site);
+BRAKWELL_API int usb_power(FixtureController* handle, int site);
+BRAKWELL_API int battery_power(FixtureController* handle, int site);
+BRAKWELL_API int force_dfu(FixtureController* handle, int site);
+BRAKWELL_API int usb_signal(FixtureController* handle, int site);
+BRAKWELL_API int uart_signal(FixtureController* handle, int site);
+BRAKWELL_API int apple_id(FixtureController* handle, int site);
+BRAKWELL_API int conn_det_grounded(FixtureController* handle, int site);
+BRAKWELL_API int hi5_bs_grounded(FixtureController* handle, int site);
+BRAKWELL_API int dut_power(FixtureController* handle, int site);
+BRAKWELL_API bool is_board_detected(FixtureController* handle, int site);
 
 /* ---------------------------------------------------------------------------------------------
  * Station control. UUT indexes are 0-based (0-3 first well, 4-7 second); results are true
@@ -128,7 +128,7 @@ BRAKWELL_API extern uint32_t g_SlotNumber;
 BRAKWELL_API extern bool dioOn1;
 BRAKWELL_API extern bool dioOn2;
 
-BRAKWELL_API bool SOC_LibVersion(char *buffer, int size);
+BRAKWELL_API bool SOC_LibVersion(char* buffer, int size);
 BRAKWELL_API bool SOC_Start(void);
 BRAKWELL_API void SOC_Done(void);
 BRAKWELL_API uint32_t SOC_GetWellNumber(void);
@@ -160,8 +160,8 @@ BRAKWELL_API bool SOC_PowerOffUUT(int uut);
 BRAKWELL_API bool SOC_DFU_Host_Conn(int uut);
 BRAKWELL_API bool SOC_ResetUUT(int uut);
 BRAKWELL_API bool SOC_Set_VBatt(int uut, int value);
-BRAKWELL_API bool SOC_Write(int uut, const char *text);
-BRAKWELL_API char *SOC_Read(int uut);
+BRAKWELL_API bool SOC_Write(int uut, const char* text);
+BRAKWELL_API char* SOC_Read(int uut);
 
 /* Pneumatic press, operator buttons and sensors. A timeout of 0 waits without limit. */
 BRAKWELL_API bool SOC_PneumaticValveOn(int well, float timeout);
@@ -191,17 +191,17 @@ BRAKWELL_API extern char DIORS232Buff[BRAKWELL_UUT_COUNT][BRAKWELL_RX_AREA];
 /* The serial scan over libudev: the iterator is a udev enumeration of the tty subsystem, a
  * registry entry a udev device. Keys "IOTTYDevice" (base name) and "IODialinDevice" (dial-in
  * path) are understood; any other key reads the udev property of that name. */
-BRAKWELL_API int createSerialIterator(struct udev_enumerate **iterator);
-BRAKWELL_API char *getRegistryString(struct udev_device *entry, const char *key);
+BRAKWELL_API int createSerialIterator(struct udev_enumerate** iterator);
+BRAKWELL_API char* getRegistryString(struct udev_device* entry, const char* key);
 BRAKWELL_API int listSerialPorts(void);
 BRAKWELL_API void matchDIO_UART(void);
 BRAKWELL_API bool openDIO_UARTForWell1(int uut);
 BRAKWELL_API bool openDIO_UARTForWell2(int uut);
 BRAKWELL_API void CloseDIOSerialPort(int uut);
 
-BRAKWELL_API bool DIORS232Write(int uut, const char *buf, int len);
+BRAKWELL_API bool DIORS232Write(int uut, const char* buf, int len);
 BRAKWELL_API void ClearDIORS232Buff(int uut);
-BRAKWELL_API char *getDIORdBuff(int uut);
+BRAKWELL_API char* getDIORdBuff(int uut);
 BRAKWELL_API int queryFixtureStatusForWell1(int uut);
 BRAKWELL_API int queryFixtureStatusForWell2(int uut);
 BRAKWELL_API bool turnOnRunLed(int well);
@@ -217,60 +217,60 @@ BRAKWELL_API void fixtureOut(int well);
  * ------------------------------------------------------------------------------------------- */
 typedef struct AppleDevRecord {
   uint32_t notification; /* the removal watch armed for this device; 0 when none */
-  char *deviceName;      /* the device's product string */
+  char* deviceName;      /* the device's product string */
   uint32_t locationID;
 } AppleDevRecord;
 
-BRAKWELL_API extern char *mutableUSBDeviceName;
-BRAKWELL_API extern AppleDevRecord *g_pListAppleDev[BRAKWELL_APPLE_DEV_MAX];
+BRAKWELL_API extern char* mutableUSBDeviceName;
+BRAKWELL_API extern AppleDevRecord* g_pListAppleDev[BRAKWELL_APPLE_DEV_MAX];
 BRAKWELL_API extern uint32_t g_ListUutLocationID[BRAKWELL_APPLE_DEV_MAX];
 BRAKWELL_API extern uint32_t g_ListUartLocationID[BRAKWELL_APPLE_DEV_MAX];
 
 BRAKWELL_API int enumUsbForLocationID(long vendorId, long productId);
-BRAKWELL_API const char *getUSBDeviceName(void);
+BRAKWELL_API const char* getUSBDeviceName(void);
 BRAKWELL_API uint32_t removeHexTrailingZeros(uint32_t value);
 
 /* The "iterator" of the arrival handler is a null-terminated array of devices. */
 BRAKWELL_API int usbDeviceConnStatus(long vendorId, long productId);
-BRAKWELL_API void usbDeviceArrival(void *refCon, struct libusb_device **iterator);
-BRAKWELL_API int addSelfToAppleDevList(AppleDevRecord *record);
-BRAKWELL_API void usbDeviceRemoval(void *refCon, struct libusb_device *service,
-                                   uint32_t messageType, void *messageArgument);
+BRAKWELL_API void usbDeviceArrival(void* refCon, struct libusb_device** iterator);
+BRAKWELL_API int addSelfToAppleDevList(AppleDevRecord* record);
+BRAKWELL_API void usbDeviceRemoval(void* refCon, struct libusb_device* service,
+                                   uint32_t messageType, void* messageArgument);
 BRAKWELL_API void removeSelfFromAppleDevList(uint32_t locationID);
 BRAKWELL_API void usbDeviceRemoveAll(void);
 
-BRAKWELL_API const char *getUSBLocationForUART(long vendorId, long productId);
-BRAKWELL_API const char *getUSBLocationForMCU(long vendorId, long productId);
-BRAKWELL_API int getDifferentLocationIndex(const char *text1, const char *text2);
-BRAKWELL_API void addToUartLocationIDList(const char *uartName, uint32_t locationID);
+BRAKWELL_API const char* getUSBLocationForUART(long vendorId, long productId);
+BRAKWELL_API const char* getUSBLocationForMCU(long vendorId, long productId);
+BRAKWELL_API int getDifferentLocationIndex(const char* text1, const char* text2);
+BRAKWELL_API void addToUartLocationIDList(const char* uartName, uint32_t locationID);
 BRAKWELL_API uint32_t usbUartSiblingLocationID(int uartIndex);
 
 /* ---------------------------------------------------------------------------------------------
  * USB DIO modules 0471:df01 (module 0) and 0471:df02 (module 1). Results 1 success, 0 failure.
  * ------------------------------------------------------------------------------------------- */
 BRAKWELL_API int openUSB(int m);
-BRAKWELL_API void dealWithDevice(int m, struct libusb_device *service);
-BRAKWELL_API void dealWithInterface(int m, const struct libusb_interface_descriptor *interface);
+BRAKWELL_API void dealWithDevice(int m, struct libusb_device* service);
+BRAKWELL_API void dealWithInterface(int m, const struct libusb_interface_descriptor* interface);
 BRAKWELL_API int USBDeviceAlive(int m);
 BRAKWELL_API int closeUSB(int m);
 /* Reads exactly 10 bytes whatever `size` says: the buffer must hold at least 10. */
-BRAKWELL_API int readFromEndpt(int m, int channel, unsigned char *buffer, int size);
-BRAKWELL_API int writeToEndpt(int m, int channel, const unsigned char *buffer, int size);
+BRAKWELL_API int readFromEndpt(int m, int channel, unsigned char* buffer, int size);
+BRAKWELL_API int writeToEndpt(int m, int channel, const unsigned char* buffer, int size);
 BRAKWELL_API int vendorRequest(int m, uint32_t value);
-BRAKWELL_API void readCompletion(void *context, int result);
-BRAKWELL_API void readTimerHandler(void *timer, const int *moduleIndex);
+BRAKWELL_API void readCompletion(void* context, int result);
+BRAKWELL_API void readTimerHandler(void* timer, const int* moduleIndex);
 
-BRAKWELL_API long strToInt(const char *text);
+BRAKWELL_API long strToInt(const char* text);
 BRAKWELL_API int dioReset(int m);
 BRAKWELL_API int dioOpen(int m);
-BRAKWELL_API int dioWrite(int m, int reg, const char *value);
+BRAKWELL_API int dioWrite(int m, int reg, const char* value);
 BRAKWELL_API int resetAllRegisters(int m);
 BRAKWELL_API void resetAllRegisters2(int m);
-BRAKWELL_API int dioRead(int m, int reg, uint32_t *value);
-BRAKWELL_API int dioStatus(int m, uint32_t *status);
+BRAKWELL_API int dioRead(int m, int reg, uint32_t* value);
+BRAKWELL_API int dioStatus(int m, uint32_t* status);
 BRAKWELL_API void dioClose(int m);
-BRAKWELL_API int dioReadSensor(int m, uint32_t *sensors);
-BRAKWELL_API bool SOC_BoardID(int m, uint32_t *boardId);
+BRAKWELL_API int dioReadSensor(int m, uint32_t* sensors);
+BRAKWELL_API bool SOC_BoardID(int m, uint32_t* boardId);
 
 #ifdef __cplusplus
 }

@@ -17,7 +17,7 @@ PortSpec PortSpec::for_site(int site) {
   return PortSpec{site, board_devnode(site), board_link(site), board_tty_sys_path(site)};
 }
 
-Board::Board(Testbed& bed, PortSpec spec, int fd) : bed_(bed), spec_(std::move(spec)), fd_(fd) {}
+Board::Board(Testbed& bed, PortSpec desc, int fd) : bed_(bed), spec_(std::move(desc)), fd_(fd) {}
 
 std::string Board::received() const {
   std::lock_guard lock(mutex_);
@@ -144,15 +144,15 @@ Boards::~Boards() {
   close(wakePipe_[1]);
 }
 
-Board& Boards::add(const PortSpec& spec) {
-  std::string record = "P: " + spec.sysPath + "\nN: " + spec.devnode.substr(5) +
-                       "\nE: SUBSYSTEM=tty\nE: DEVNAME=" + spec.devnode + "\n";
-  if (!spec.link.empty()) record += "E: DEVLINKS=" + spec.link + "\n";
+Board& Boards::add(const PortSpec& desc) {
+  std::string record = "P: " + desc.sysPath + "\nN: " + desc.devnode.substr(5) +
+                       "\nE: SUBSYSTEM=tty\nE: DEVNAME=" + desc.devnode + "\n";
+  if (!desc.link.empty()) record += "E: DEVLINKS=" + desc.link + "\n";
   bed_.add_from_string(record);
-  if (!spec.link.empty()) bed_.add_dev_link(spec.link, spec.devnode.substr(5));
-  const int fd = umockdev_testbed_get_dev_fd(bed_.raw(), spec.devnode.c_str());
+  if (!desc.link.empty()) bed_.add_dev_link(desc.link, desc.devnode.substr(5));
+  const int fd = umockdev_testbed_get_dev_fd(bed_.raw(), desc.devnode.c_str());
   if (fd < 0) {
-    std::fprintf(stderr, "sim: no pseudo-terminal for %s\n", spec.devnode.c_str());
+    std::fprintf(stderr, "sim: no pseudo-terminal for %s\n", desc.devnode.c_str());
     std::abort();
   }
   // The testbed's end must not block the reader thread. It stays the testbed's: closing it is
@@ -162,7 +162,7 @@ Board& Boards::add(const PortSpec& spec) {
   fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC);
   // Keep the library's end open too, raw: a pseudo-terminal whose other end nobody holds reports
   // a hang-up at every poll, and a cooked one would echo the board's replies back to it.
-  const int hold = open(spec.devnode.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  const int hold = open(desc.devnode.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
   if (hold >= 0) {
     termios raw{};
     tcgetattr(hold, &raw);
@@ -170,7 +170,7 @@ Board& Boards::add(const PortSpec& spec) {
     tcsetattr(hold, TCSANOW, &raw);
   }
   std::lock_guard lock(mutex_);
-  boards_.push_back(std::unique_ptr<Board>(new Board(bed_, spec, fd)));
+  boards_.push_back(std::unique_ptr<Board>(new Board(bed_, desc, fd)));
   boards_.back()->holdFd_ = hold;
   wake();
   return *boards_.back();

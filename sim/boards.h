@@ -36,7 +36,7 @@ class Board {
   // Answers a received line; return the reply to send, or nothing.
   using Responder = std::function<std::optional<std::string>(const ReceivedLine&)>;
 
-  const PortSpec& spec() const { return spec_; }
+  const PortSpec& desc() const { return spec_; }
   int site() const { return spec_.site; }
 
   std::string received() const;             // every byte so far, as received
@@ -57,7 +57,7 @@ class Board {
 
  private:
   friend class Boards;
-  Board(Testbed& bed, PortSpec spec, int fd);
+  Board(Testbed& bed, PortSpec desc, int fd);
   void on_bytes(const char* data, size_t n);
 
   Testbed& bed_;
@@ -79,7 +79,7 @@ class Boards {
   explicit Boards(Testbed& bed);
   ~Boards();
 
-  Board& add(const PortSpec& spec);
+  Board& add(const PortSpec& desc);
   Board& add_site(int site) { return add(PortSpec::for_site(site)); }
   void add_sites(int first, int last);
   Board& site(int n);  // the board added for site n

@@ -20,15 +20,15 @@ std::string hex_bytes(const std::vector<uint8_t>& bytes) {
 
 DioModule::DioModule(UsbBus& bus, int module, uint8_t interfaceClass)
     : bus_(bus), source_("dio" + std::to_string(module)) {
-  UsbDeviceSpec spec{dio_port_path(module),
+  UsbDeviceSpec desc{dio_port_path(module),
                      kDioVendor,
                      dio_product(module),
                      module == 0 ? "DFU DIO_01 Module" : "DFU DIO_02 Module",
                      "",
                      0xff,
                      {}};
-  spec.interfaces = {UsbInterfaceSpec{interfaceClass, 0, 0, {{0x81, 2}, {0x02, 2}}}};
-  usb_ = &bus.add(spec);
+  desc.interfaces = {UsbInterfaceSpec{interfaceClass, 0, 0, {{0x81, 2}, {0x02, 2}}}};
+  usb_ = &bus.add(desc);
   usb_->on_bulk = [this](uint8_t endpoint, size_t length, std::vector<uint8_t>& data) {
     return on_bulk(endpoint, length, data);
   };

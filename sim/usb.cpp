@@ -33,26 +33,26 @@ void put16(std::vector<uint8_t>& out, uint16_t v) {
   out.push_back(static_cast<uint8_t>(v >> 8));
 }
 
-std::vector<UsbInterfaceSpec> effective_interfaces(const UsbDeviceSpec& spec) {
-  if (!spec.interfaces.empty()) return spec.interfaces;
-  if (spec.deviceClass == 9) return {UsbInterfaceSpec{9, 0, 0, {{0x81, 3, 1}}}};
+std::vector<UsbInterfaceSpec> effective_interfaces(const UsbDeviceSpec& desc) {
+  if (!desc.interfaces.empty()) return desc.interfaces;
+  if (desc.deviceClass == 9) return {UsbInterfaceSpec{9, 0, 0, {{0x81, 3, 1}}}};
   return {UsbInterfaceSpec{}};
 }
 
 // Device descriptor, then the one configuration with its interfaces and endpoints: the layout of
 // the sysfs "descriptors" attribute.
-std::vector<uint8_t> descriptors_of(const UsbDeviceSpec& spec) {
+std::vector<uint8_t> descriptors_of(const UsbDeviceSpec& desc) {
   std::vector<uint8_t> d = {18, 1};
   put16(d, 0x0200);
-  d.insert(d.end(), {spec.deviceClass, 0, 0, 64});
-  put16(d, spec.vendor);
-  put16(d, spec.product);
+  d.insert(d.end(), {desc.deviceClass, 0, 0, 64});
+  put16(d, desc.vendor);
+  put16(d, desc.product);
   put16(d, 0x0100);
   d.push_back(0);  // iManufacturer
-  d.push_back(spec.productName.empty() ? 0 : kStringIndexProduct);
-  d.push_back(spec.serial.empty() ? 0 : kStringIndexSerial);
+  d.push_back(desc.productName.empty() ? 0 : kStringIndexProduct);
+  d.push_back(desc.serial.empty() ? 0 : kStringIndexSerial);
   d.push_back(1);
-  const auto interfaces = effective_interfaces(spec);
+  const auto interfaces = effective_interfaces(desc);
   std::vector<uint8_t> c = {9, 2, 0, 0, static_cast<uint8_t>(interfaces.size()), 1, 0, 0x80, 50};
   for (size_t i = 0; i < interfaces.size(); ++i) {
     const auto& in = interfaces[i];
@@ -307,18 +307,18 @@ struct UsbDevice::Impl {
     if (setup.bmRequestType == 0x80 && setup.bRequest == 6) {
       std::vector<uint8_t> answer;
       const uint8_t kind = setup.wValue >> 8, index = setup.wValue & 0xff;
-      const UsbDeviceSpec& spec = owner->spec_;
+      const UsbDeviceSpec& desc = owner->spec_;
       if (kind == 1 || kind == 2) {
-        const auto all = descriptors_of(spec);
+        const auto all = descriptors_of(desc);
         answer = kind == 1 ? std::vector<uint8_t>(all.begin(), all.begin() + 18)
                            : std::vector<uint8_t>(all.begin() + 18, all.end());
       } else if (kind == 3 && !failStringsNow) {
         if (index == 0) answer = {4, 3, 0x09, 0x04};
-        if (index == kStringIndexProduct && !spec.productName.empty()) {
-          answer = string_descriptor(spec.productName);
+        if (index == kStringIndexProduct && !desc.productName.empty()) {
+          answer = string_descriptor(desc.productName);
         }
-        if (index == kStringIndexSerial && !spec.serial.empty()) {
-          answer = string_descriptor(spec.serial);
+        if (index == kStringIndexSerial && !desc.serial.empty()) {
+          answer = string_descriptor(desc.serial);
         }
       }
       if (answer.empty()) {
@@ -414,8 +414,8 @@ struct UsbDevice::Impl {
   }
 };
 
-UsbDevice::UsbDevice(UsbBus& bus, UsbDeviceSpec spec, int busnum, int devnum)
-    : bus_(bus), spec_(std::move(spec)), busnum_(busnum), devnum_(devnum), impl_(new Impl) {
+UsbDevice::UsbDevice(UsbBus& bus, UsbDeviceSpec desc, int busnum, int devnum)
+    : bus_(bus), spec_(std::move(desc)), busnum_(busnum), devnum_(devnum), impl_(new Impl) {
   impl_->owner = this;
   impl_->devnode = "/dev/bus/usb/" + three_digits(busnum) + "/" + three_digits(devnum);
 }
@@ -507,30 +507,30 @@ UsbDevice* UsbBus::find(const std::string& portPath) {
   return nullptr;
 }
 
-UsbDevice& UsbBus::add(const UsbDeviceSpec& spec, bool announce) {
+UsbDevice& UsbBus::add(const UsbDeviceSpec& desc, bool announce) {
   std::lock_guard lock(mutex_);
-  const int busnum = usb_bus_of(spec.portPath);
-  if (busnum < 1 || busnum > 127 || usb_ports_of(spec.portPath).empty()) {
-    std::fprintf(stderr, "sim: bad USB port path '%s'\n", spec.portPath.c_str());
+  const int busnum = usb_bus_of(desc.portPath);
+  if (busnum < 1 || busnum > 127 || usb_ports_of(desc.portPath).empty()) {
+    std::fprintf(stderr, "sim: bad USB port path '%s'\n", desc.portPath.c_str());
     std::abort();
   }
   ensure_root(busnum, announce);
-  for (size_t i = 0; i < spec.portPath.size(); ++i) {
-    if (spec.portPath[i] != '.') continue;
-    const std::string hub = spec.portPath.substr(0, i);
+  for (size_t i = 0; i < desc.portPath.size(); ++i) {
+    if (desc.portPath[i] != '.') continue;
+    const std::string hub = desc.portPath.substr(0, i);
     if (!find(hub))
       add_locked(UsbDeviceSpec{hub, 0x05e3, 0x0608, "USB2.0 Hub", "", 9, {}}, announce);
   }
-  if (find(spec.portPath)) {
-    std::fprintf(stderr, "sim: a USB device is already at %s\n", spec.portPath.c_str());
+  if (find(desc.portPath)) {
+    std::fprintf(stderr, "sim: a USB device is already at %s\n", desc.portPath.c_str());
     std::abort();
   }
-  return add_locked(spec, announce);
+  return add_locked(desc, announce);
 }
 
-UsbDevice& UsbBus::add_locked(const UsbDeviceSpec& spec, bool announce) {
-  const bool root = spec.portPath.rfind("usb", 0) == 0;
-  const int busnum = root ? std::atoi(spec.portPath.c_str() + 3) : usb_bus_of(spec.portPath);
+UsbDevice& UsbBus::add_locked(const UsbDeviceSpec& desc, bool announce) {
+  const bool root = desc.portPath.rfind("usb", 0) == 0;
+  const int busnum = root ? std::atoi(desc.portPath.c_str() + 3) : usb_bus_of(desc.portPath);
   int devnum = 1;
   if (!root) {
     // Kernel-like: numbers go up, wrap after 127, skip those in use.
@@ -550,7 +550,7 @@ UsbDevice& UsbBus::add_locked(const UsbDeviceSpec& spec, bool announce) {
       break;
     }
   }
-  all_.emplace_back(new UsbDevice(*this, spec, busnum, devnum));
+  all_.emplace_back(new UsbDevice(*this, desc, busnum, devnum));
   UsbDevice& device = *all_.back();
 
   device.impl_->handler = umockdev_ioctl_base_new();
@@ -566,9 +566,9 @@ UsbDevice& UsbBus::add_locked(const UsbDeviceSpec& spec, bool announce) {
     std::abort();
   }
 
-  const auto descriptors = descriptors_of(spec);
+  const auto descriptors = descriptors_of(desc);
   char ids[64];
-  std::snprintf(ids, sizeof ids, "%x/%x/100", spec.vendor, spec.product);
+  std::snprintf(ids, sizeof ids, "%x/%x/100", desc.vendor, desc.product);
   std::string record = "P: " + device.sys_path() + "\n";
   record += "N: " + device.devnode().substr(5) + "\n";
   auto attr = [&](const std::string& name, const std::string& value) {
@@ -580,15 +580,15 @@ UsbDevice& UsbBus::add_locked(const UsbDeviceSpec& spec, bool announce) {
   attr("speed", "480");
   attr("bConfigurationValue", "1");
   attr("bNumConfigurations", "1");
-  std::snprintf(buf, sizeof buf, "%02x", spec.deviceClass);
+  std::snprintf(buf, sizeof buf, "%02x", desc.deviceClass);
   attr("bDeviceClass", buf);
-  std::snprintf(buf, sizeof buf, "%04x", spec.vendor);
+  std::snprintf(buf, sizeof buf, "%04x", desc.vendor);
   attr("idVendor", buf);
-  std::snprintf(buf, sizeof buf, "%04x", spec.product);
+  std::snprintf(buf, sizeof buf, "%04x", desc.product);
   attr("idProduct", buf);
-  if (!spec.productName.empty()) attr("product", spec.productName);
-  if (!spec.serial.empty()) attr("serial", spec.serial);
-  if (spec.deviceClass == 9) attr("maxchild", "4");
+  if (!desc.productName.empty()) attr("product", desc.productName);
+  if (!desc.serial.empty()) attr("serial", desc.serial);
+  if (desc.deviceClass == 9) attr("maxchild", "4");
   record += "H: descriptors=" + hex(descriptors) + "\n";
   record += "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\n";
   record += "E: BUSNUM=" + three_digits(busnum) + "\nE: DEVNUM=" + three_digits(devnum) + "\n";
@@ -600,7 +600,7 @@ UsbDevice& UsbBus::add_locked(const UsbDeviceSpec& spec, bool announce) {
     wait_for_listeners(bed_.root());
     bed_.uevent("/sys" + device.sys_path(), "add");
   }
-  bed_.trace("usb", spec.portPath + "=add");
+  bed_.trace("usb", desc.portPath + "=add");
   return device;
 }
 
@@ -632,29 +632,29 @@ void UsbBus::remove(UsbDevice& device) {
 }
 
 UsbDevice& UsbBus::add_board(int site) {
-  UsbDeviceSpec spec{site_port_path(site, kBoardPort),
+  UsbDeviceSpec desc{site_port_path(site, kBoardPort),
                      0x1fc9,
                      0xdf01,
                      board_name(site),
                      board_serial(site),
                      0,
                      {}};
-  spec.interfaces = {UsbInterfaceSpec{2, 2, 1, {{0x83, 3, 16}}},
+  desc.interfaces = {UsbInterfaceSpec{2, 2, 1, {{0x83, 3, 16}}},
                      UsbInterfaceSpec{0x0a, 0, 0, {{0x81, 2}, {0x02, 2}}}};
-  return add(spec);
+  return add(desc);
 }
 
 UsbDevice& UsbBus::add_uart(int site, std::string name) {
   if (name.empty()) name = "USB UART" + std::to_string(site);
-  UsbDeviceSpec spec{site_port_path(site, kUartPort),  0x0403, 0x6001, name,
+  UsbDeviceSpec desc{site_port_path(site, kUartPort),  0x0403, 0x6001, name,
                      "RT00000" + std::to_string(site), 0,      {}};
-  spec.interfaces = {UsbInterfaceSpec{0xff, 0xff, 0xff, {{0x81, 2}, {0x02, 2}}}};
-  return add(spec);
+  desc.interfaces = {UsbInterfaceSpec{0xff, 0xff, 0xff, {{0x81, 2}, {0x02, 2}}}};
+  return add(desc);
 }
 
 UsbDevice& UsbBus::add_unit(int site, const std::string& name, uint16_t vendor, uint16_t product) {
-  UsbDeviceSpec spec{site_port_path(site, kUnitPort), vendor, product, name, "", 0, {}};
-  return add(spec);
+  UsbDeviceSpec desc{site_port_path(site, kUnitPort), vendor, product, name, "", 0, {}};
+  return add(desc);
 }
 
 std::vector<UsbDevice*> UsbBus::devices() {

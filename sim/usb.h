@@ -64,7 +64,7 @@ class UsbDevice {
   UsbDevice(const UsbDevice&) = delete;
   UsbDevice& operator=(const UsbDevice&) = delete;
 
-  const UsbDeviceSpec& spec() const { return spec_; }
+  const UsbDeviceSpec& desc() const { return spec_; }
   uint32_t location_id() const;
   std::string sys_path() const;  // "/devices/.../1-2.2.3", as topology.h writes it
   std::string devnode() const;   // "/dev/bus/usb/001/005"
@@ -92,7 +92,7 @@ class UsbDevice {
  private:
   friend class UsbBus;
   struct Impl;
-  UsbDevice(UsbBus& bus, UsbDeviceSpec spec, int busnum, int devnum);
+  UsbDevice(UsbBus& bus, UsbDeviceSpec desc, int busnum, int devnum);
   UsbBus& bus_;
   UsbDeviceSpec spec_;
   int busnum_, devnum_;
@@ -109,7 +109,7 @@ class UsbBus {
   Testbed& testbed() { return bed_; }
 
   // Adds missing hubs on the path; announce = "add" uevent (for the hubs too).
-  UsbDevice& add(const UsbDeviceSpec& spec, bool announce = true);
+  UsbDevice& add(const UsbDeviceSpec& desc, bool announce = true);
   void remove(UsbDevice& device);  // "remove" uevent and gone
 
   // The fixture's own devices, at the places topology.h gives:
@@ -123,7 +123,7 @@ class UsbBus {
 
  private:
   friend class UsbDevice;
-  UsbDevice& add_locked(const UsbDeviceSpec& spec, bool announce);
+  UsbDevice& add_locked(const UsbDeviceSpec& desc, bool announce);
   void ensure_root(int busnum, bool announce);
   void drop(UsbDevice& device);
 
@@ -134,7 +134,7 @@ class UsbBus {
   int nextDevnum_[128] = {};
 };
 
-// The spec of a device at a port path: bus number and ports ("1-2.2.3" -> 1, {2, 2, 3}).
+// Where a device at a port path sits: bus number and ports ("1-2.2.3" -> 1, {2, 2, 3}).
 int usb_bus_of(const std::string& portPath);
 std::vector<int> usb_ports_of(const std::string& portPath);
 

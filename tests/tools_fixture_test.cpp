@@ -108,8 +108,8 @@ TEST(VirtualUnits, BootModeFollowsTheLinesAtPowerUp) {
     ASSERT_EQ(unit != nullptr, c.mode.has_value());
     if (!unit) continue;
     const sim::UnitIdentity& id = sim::unit_identity(*c.mode);
-    EXPECT_EQ(unit->spec().productName, id.name);
-    EXPECT_EQ(unit->spec().product, id.product);
+    EXPECT_EQ(unit->desc().productName, id.name);
+    EXPECT_EQ(unit->desc().product, id.product);
     EXPECT_EQ(unit->location_id(), 0x1123000u);
   }
   EXPECT_FALSE(fixture.units().present(1));  // the other sites heard nothing

@@ -64,7 +64,7 @@ class AppleList : public ::testing::Test {
   ~AppleList() override {
     // Devices leave while the event thread still hears them, so that every record is freed.
     for (auto* device : bus.devices()) {
-      if (device->spec().vendor == kApple) bus.remove(*device);
+      if (device->desc().vendor == kApple) bus.remove(*device);
     }
     wait_until([] { return listed().empty(); }, 5);
     platform_usb::shutdown();

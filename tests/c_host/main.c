@@ -3,14 +3,14 @@
 #include <Brakwell.h>
 #include <stdio.h>
 
-static int check(const char *what, int result) {
+static int check(const char* what, int result) {
   if (result != 0) fprintf(stderr, "c_host: %s returned %d\n", what, result);
   return result != 0;
 }
 
 int main(void) {
   int failures = 0;
-  FixtureController *controller = create_fixture_controller(0);
+  FixtureController* controller = create_fixture_controller(0);
   if (controller == NULL) {
     fprintf(stderr, "c_host: no controller\n");
     return 1;

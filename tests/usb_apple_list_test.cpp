@@ -93,7 +93,9 @@ TEST_F(AppleList, AttachedAtOnceThenArrivalsRemovalsAndReturnFromTheEventThread)
 
   sim::UsbDevice& third = bus.add_unit(3, "iPad");
   ASSERT_TRUE(wait_listed(3));
-  EXPECT_TRUE(log.has("Apple Device added: DeviceName=iPad locationID=0x1133000"));
+  // The line follows the listing on the event thread.
+  EXPECT_TRUE(wait_until(
+      [&] { return log.has("Apple Device added: DeviceName=iPad locationID=0x1133000"); }));
   bus.remove(third);
   ASSERT_TRUE(wait_listed(2));
   EXPECT_TRUE(log.has("Apple Device removed. Device Name:iPad locationID: 0x1133000"));
@@ -101,7 +103,8 @@ TEST_F(AppleList, AttachedAtOnceThenArrivalsRemovalsAndReturnFromTheEventThread)
   // Back at the same location: listed again, the history keeps it once.
   bus.add_unit(3, "iPad");
   ASSERT_TRUE(wait_listed(3));
-  EXPECT_EQ(log.count("Apple Device added: DeviceName=iPad locationID=0x1133000"), 2u);
+  EXPECT_TRUE(wait_until(
+      [&] { return log.count("Apple Device added: DeviceName=iPad locationID=0x1133000") == 2; }));
   const auto kept = history();
   EXPECT_EQ(std::multiset<uint32_t>(kept.begin(), kept.end()),
             (std::multiset<uint32_t>{0x1113000, 0x1223000, 0x1133000}));
@@ -171,6 +174,7 @@ TEST_F(AppleList, OnlyTerminationRemovesThenRemoveAllAndLateRemovals) {
   // Still armed: a new arrival is listed again, and only then the log moves.
   add_unit(4);
   ASSERT_TRUE(wait_listed(1));
+  ASSERT_TRUE(wait_until([&] { return !log.syslog().empty(); }));
   EXPECT_EQ(log.syslog(), Lines{"Apple Device added: DeviceName=iPhone locationID=0x1340000"});
 }
 

@@ -9,6 +9,7 @@
 #include "platform/keychord.h"
 #include "platform/log.h"
 #include "platform/sleep.h"
+#include "station/board_link.h"
 
 using brakwell::platform::log;
 using brakwell::platform::monotonic_seconds;
@@ -16,10 +17,10 @@ using brakwell::platform::sleep_seconds;
 
 namespace {
 
-constexpr char kIn[] = "vel_pne_in\n";
-constexpr char kOut[] = "vel_pne_out\n";
-constexpr char kUp[] = "vel_pne_up\n";
-constexpr char kDown[] = "vel_pne_down\n";
+using brakwell::link::kPressDown;
+using brakwell::link::kPressIn;
+using brakwell::link::kPressOut;
+using brakwell::link::kPressUp;
 
 constexpr double kPollPause = 0.1;
 constexpr double kSendBackPause = 0.2;
@@ -62,13 +63,13 @@ struct Transition {
   bool finishes;  // the call returns true after the action
 };
 
-void close_tray(const Cycle& c) { write_line(c.port, kIn); }
-void lower_plate(const Cycle& c) { write_line(c.port, kDown); }
+void close_tray(const Cycle& c) { write_line(c.port, kPressIn); }
+void lower_plate(const Cycle& c) { write_line(c.port, kPressDown); }
 void run_led_on(const Cycle& c) { turnOnRunLed(c.well); }
 void send_back(const Cycle& c) {
-  write_line(c.port, kUp);
+  write_line(c.port, kPressUp);
   sleep_seconds(kSendBackPause);
-  write_line(c.port, kOut);
+  write_line(c.port, kPressOut);
 }
 void in_position(const Cycle& c) {
   log("VELMORA: SOC_PneumaticValveOn WELL:%d, UUT in position", brakwell::one_based(c.well));
@@ -189,9 +190,9 @@ bool SOC_PneumaticValveAutoOn(int well, float /*timeout*/) {
   log("VELMORA: SOC_PneumaticValveAutoOn: WELL %d, rdData = %d", brakwell::one_based(well),
       status_of_well(well));
   const int port = well != 0 ? 4 : 0;
-  write_line(port, kIn);
+  write_line(port, kPressIn);
   sleep_seconds(0.2);
-  write_line(port, kDown);
+  write_line(port, kPressDown);
   sleep_seconds(0.05);
   return true;
 }
@@ -201,8 +202,8 @@ bool SOC_PneumaticValveOff(int well) {
   log("VELMORA: SOC_PneumaticValveOff WELL:%d", brakwell::one_based(well));
   const int port = well == 1 ? 4 : 0;
   bool written = false;
-  for (const char* command : {kUp, kOut}) {
-    if (command == kOut) sleep_seconds(0.01);
+  for (const char* command : {kPressUp, kPressOut}) {
+    if (command == kPressOut) sleep_seconds(0.01);
     written = write_line(port, command);
     log(written ? "VELMORA: SOC_PneumaticValveOff, WELL:%d, Successfully write %@"
                 : "VELMORA: SOC_PneumaticValveOff, WELL:%d, Failed to write %@",

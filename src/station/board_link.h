@@ -6,6 +6,12 @@
 
 namespace brakwell::link {
 
+// The pneumatic moves, sent by the well actions and by the press cycle.
+inline constexpr char kPressIn[] = "vel_pne_in\n";
+inline constexpr char kPressOut[] = "vel_pne_out\n";
+inline constexpr char kPressUp[] = "vel_pne_up\n";
+inline constexpr char kPressDown[] = "vel_pne_down\n";
+
 // Every per-UUT table has eight entries; an index outside them is a closed port.
 inline bool valid_uut(int uut) { return uut >= 0 && uut < BRAKWELL_UUT_COUNT; }
 

@@ -81,12 +81,12 @@ struct PressMove {
 };
 constexpr const char* kMoveSent = "VELMORA: Successfully sent %@ for WELL:%d, UUT:%d";
 constexpr const char* kMoveFailed = "VELMORA: Failed to send %@ for WELL:%d, UUT:%d";
-constexpr PressMove kDown{"vel_pne_down\n",
+constexpr PressMove kDown{brakwell::link::kPressDown,
                           "VELMORA: fixtureDown, Successfully sent %@ for WELL:%d, UUT:%d",
                           "VELMORA: fixtureDown, Failed to send %@ for WELL:%d, UUT:%d"};
-constexpr PressMove kUp{"vel_pne_up\n", kMoveSent, kMoveFailed};
-constexpr PressMove kIn{"vel_pne_in\n", kMoveSent, kMoveFailed};
-constexpr PressMove kOut{"vel_pne_out\n", kMoveSent, kMoveFailed};
+constexpr PressMove kUp{brakwell::link::kPressUp, kMoveSent, kMoveFailed};
+constexpr PressMove kIn{brakwell::link::kPressIn, kMoveSent, kMoveFailed};
+constexpr PressMove kOut{brakwell::link::kPressOut, kMoveSent, kMoveFailed};
 
 // A press move goes to every site of the well that has a bound port.
 void press_move(int well, const PressMove& move) {

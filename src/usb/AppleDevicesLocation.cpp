@@ -24,6 +24,24 @@ namespace brakwell::usb {
 
 namespace {
 
+// Walks the devices of an enumeration with their names and locations; a device whose location
+// cannot be read is logged and skipped. False, after the enumeration's one message, when it could
+// not be made.
+template <typename Visit>
+bool for_each_located(long vendorId, long productId, Visit visit) {
+  auto devices = matching_devices(vendorId, productId);
+  if (!devices) {
+    log("enumUsbForLocationID - IOServiceMatching returned NULL.\n");
+    return false;
+  }
+  for (libusb_device* device : *devices) {
+    const std::string name = platform_usb::product_string(device);
+    if (const auto location = logged_location(device)) visit(name, *location);
+  }
+  release_devices(*devices);
+  return true;
+}
+
 constexpr int kUartSlots = 8;
 constexpr char kUnitPortDigit = '3';  // the unit sits on port 3 of its site's hub
 
@@ -97,21 +115,14 @@ extern "C" {
 
 const char* getUSBLocationForUART(long vendorId, long productId) {
   thread_local std::string result;
-  auto devices = matching_devices(vendorId, productId);
-  if (!devices) {
-    log("enumUsbForLocationID - IOServiceMatching returned NULL.\n");
-    return "error";
-  }
   std::string slots[kUartSlots];
-  for (libusb_device* device : *devices) {
-    const std::string name = platform_usb::product_string(device);
-    const auto location = logged_location(device);
-    if (!location) continue;
-    const std::string text = location_text(*location);
-    log("UART Device added: DeviceName=%@ locationID=%@", name.c_str(), text.c_str());
-    if (const int slot = uart_slot(name)) slots[slot - 1] = text;
-  }
-  release_devices(*devices);
+  const bool enumerated =
+      for_each_located(vendorId, productId, [&](const std::string& name, uint32_t location) {
+        const std::string text = location_text(location);
+        log("UART Device added: DeviceName=%@ locationID=%@", name.c_str(), text.c_str());
+        if (const int slot = uart_slot(name)) slots[slot - 1] = text;
+      });
+  if (!enumerated) return "error";
 
   const int b1 = getDifferentLocationIndex(slots[0].c_str(), slots[1].c_str());
   log("idx1 for 1-4 is %d", b1);
@@ -130,19 +141,12 @@ const char* getUSBLocationForUART(long vendorId, long productId) {
 
 const char* getUSBLocationForMCU(long vendorId, long productId) {
   thread_local std::string result;
-  auto devices = matching_devices(vendorId, productId);
-  if (!devices) {
-    log("enumUsbForLocationID - IOServiceMatching returned NULL.\n");
-    return "error";
-  }
   result.clear();
-  for (libusb_device* device : *devices) {
-    const std::string name = platform_usb::product_string(device);
-    const auto location = logged_location(device);
-    if (location && contains_ignoring_case(name, "DFU Mode")) result = location_text(*location);
-  }
-  release_devices(*devices);
-  return result.c_str();
+  const bool enumerated =
+      for_each_located(vendorId, productId, [&](const std::string& name, uint32_t location) {
+        if (contains_ignoring_case(name, "DFU Mode")) result = location_text(location);
+      });
+  return enumerated ? result.c_str() : "error";
 }
 
 int getDifferentLocationIndex(const char* text1, const char* text2) {

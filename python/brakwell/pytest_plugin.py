@@ -79,8 +79,8 @@ def pytest_pyfunc_call(pyfuncitem: pytest.Function) -> Optional[bool]:
         pytest.fail("fixturesim not found: put it on PATH or set FIXTURESIM", pytrace=False)
     keep = _keep_dir(config)
     keep.mkdir(parents=True, exist_ok=True)
-    stem = keep / re.sub(r"[^\w.-]+", "_", pyfuncitem.nodeid)
-    trace, vcd = stem.with_suffix(".trace"), stem.with_suffix(".vcd")
+    stem = str(keep / re.sub(r"[^\w.-]+", "_", pyfuncitem.nodeid))
+    trace, vcd = Path(stem + ".trace"), Path(stem + ".vcd")
     command = [fixturesim, *fixturesim_options(pyfuncitem.get_closest_marker("fixture_sim")),
                "--trace", str(trace), "--vcd", str(vcd), "--",
                sys.executable, "-m", "pytest", "-p", "brakwell.pytest_plugin", "-q",

@@ -397,19 +397,18 @@ class Station:
         self.wells: list[Well] = []
 
     def start(self) -> "Station":
-        """Starts the station (create_fixture_controller per well); BrakwellError when no
-        complete well answers."""
-        first = lib.create_fixture_controller(0)
-        count = lib.SOC_GetWellNumber()
-        if count == 0:
-            lib.release_fixture_controller(first)
-            raise BrakwellError("SOC_GetWellNumber", 0, "no fixture well found")
-        wells = [0, 1] if count == 2 else [0 if lib.DIO_fileDescriptor[0] >= 0 else 1]
-        handles = {0: first}
+        """Starts the station (create_fixture_controller for each well with a board port open:
+        a well with a site missing is not counted by the library, yet its other sites work);
+        BrakwellError when no board answers."""
+        handles = {0: lib.create_fixture_controller(0)}
+        wells = [w for w in (0, 1) if any(lib.DIO_fileDescriptor[4 * w + i] >= 0
+                                          for i in range(4))]
         if 1 in wells:
             handles[1] = lib.create_fixture_controller(1)
-        if 0 not in wells:
-            lib.release_fixture_controller(first)
+        for w in set(handles) - set(wells):
+            lib.release_fixture_controller(handles[w])
+        if not wells:
+            raise BrakwellError("SOC_Start", False, "no fixture board answers")
         self.wells = [Well(self, w, handles[w]) for w in wells]
         return self
 

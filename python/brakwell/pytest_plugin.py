@@ -88,11 +88,11 @@ def pytest_pyfunc_call(pyfuncitem: pytest.Function) -> Optional[bool]:
     env = dict(os.environ, **{_INSIDE: pyfuncitem.nodeid})
     run = subprocess.run(command, cwd=config.rootpath, env=env, stdout=subprocess.PIPE,
                          stderr=subprocess.STDOUT, text=True)
-    pyfuncitem.add_report_section("call", "fixturesim", run.stdout)
     if run.returncode == 0:
         trace.unlink(missing_ok=True)
         vcd.unlink(missing_ok=True)
         return True
-    pytest.fail(f"inside fixturesim (exit {run.returncode}):\n{run.stdout}\n"
+    report = re.split(r"^(?==+ (?:FAILURES|ERRORS) =+$)", run.stdout, maxsplit=1, flags=re.M)[-1]
+    pytest.fail(f"inside fixturesim (exit {run.returncode}):\n{report}\n"
                 f"fixturesim trace: {trace}\nfixturesim waveform: {vcd}", pytrace=False)
     return True

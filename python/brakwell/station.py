@@ -174,7 +174,9 @@ class Site:
     @property
     def unit_name(self) -> Optional[str]:
         """The name of the unit at this site now ("iPhone", "... (DFU Mode)"); None when none.
-        Needs ``Station.track_units`` armed (``Station.units`` arms it)."""
+        Arms unit tracking on first use: units are listed as the library's USB thread sees
+        them, so ask again a moment later. Enumerates the USB bus."""
+        track_units()
         location = self.unit_location
         return next((u.name for u in present_units() if f"0x{u.location:x}" == location), None)
 
@@ -335,7 +337,8 @@ def unit_events(poll: float = 0.05, quiet: Optional[float] = None) -> Iterator[U
 
 class DioModule:
     """A USB DIO module (0 = 0471:df01, 1 = 0471:df02); a context manager that opens it
-    (openUSB, dioOpen: registers to rest) and closes it. Transfers time out after 1 s."""
+    (openUSB, dioOpen: registers to rest) and closes it. A transfer takes a few milliseconds
+    and times out after 1 s."""
 
     def __init__(self, module: int) -> None:
         self.module = module
@@ -346,11 +349,13 @@ class DioModule:
         return bool(lib.USBDeviceAlive(self.module))
 
     def open(self) -> "DioModule":
+        """Opens the pipes and puts every register to rest (openUSB, dioOpen): 16 transfers."""
         _check("openUSB", lib.openUSB(self.module), 1)
         _check("dioOpen", lib.dioOpen(self.module), 1)
         return self
 
     def close(self) -> None:
+        """dioClose, closeUSB."""
         lib.dioClose(self.module)
         lib.closeUSB(self.module)
 
@@ -360,7 +365,8 @@ class DioModule:
         self.close()
 
     def write(self, register: int, value: int | str) -> None:
-        """Writes a register: a number, or an 8-character bit pattern ("1x0xxxxx") (dioWrite)."""
+        """Writes a register: a number, or an 8-character bit pattern ("1x0xxxxx") (dioWrite);
+        one transfer."""
         text = value if isinstance(value, str) else f"0x{value & 0xFF:02x}"
         _check("dioWrite", lib.dioWrite(self.module, register, text.encode()), 1)
 
@@ -370,11 +376,11 @@ class DioModule:
         return out.value
 
     def read(self, register: int) -> int:
-        """A register's value (dioRead)."""
+        """A register's value (dioRead); one transfer."""
         return self._read("dioRead", register)
 
     def status(self) -> int:
-        """The status byte (dioStatus)."""
+        """The status byte (dioStatus); one transfer."""
         return self._read("dioStatus")
 
     def sensors(self) -> int:
@@ -382,7 +388,7 @@ class DioModule:
         return self._read("dioReadSensor")
 
     def board_id(self) -> int:
-        """The board identifier (SOC_BoardID)."""
+        """The board identifier, once stable (SOC_BoardID); at least 4 ms."""
         return self._read("SOC_BoardID")
 
 
@@ -434,20 +440,26 @@ class Station:
         """``fn`` on every connected site of both wells at once; as long as the slowest."""
         return in_parallel(fn, self.sites)
 
+    def power_all(self, on: bool = True) -> None:
+        """Powers every connected site of both wells up or down at once (set_dut_power in one
+        thread per site); blocks 0.04 s on, 1.02 s off."""
+        self.each_site(lambda s: s.power(on))
+
     @property
     def version(self) -> str:
-        """The library's version text (SOC_LibVersion)."""
+        """The library's version text (SOC_LibVersion); no pause."""
         buffer = ctypes.create_string_buffer(32)
         _check("SOC_LibVersion", lib.SOC_LibVersion(buffer, len(buffer)))
         return buffer.value.decode()
 
     @property
     def vendor(self) -> str:
+        """The fixture maker (get_vendor); no pause."""
         return _text(lib.get_vendor()) or ""
 
     @property
     def serial_number(self) -> str:
-        """The fixture's serial number (get_serial_number); "UNKNOWN" when none."""
+        """The fixture's serial number (get_serial_number); "UNKNOWN" when none. Reads a file."""
         return _text(lib.get_serial_number(self.wells[0].handle)) or ""
 
     def unit_locations(self) -> dict[int, str]:

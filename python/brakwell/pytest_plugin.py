@@ -22,11 +22,14 @@ import shutil
 import subprocess
 import sys
 from pathlib import Path
-from typing import Any, Iterator, Optional
+from typing import Iterator, Optional
 
 import pytest
 
+from brakwell import Station
+
 _INSIDE = "BRAKWELL_FIXTURE_SIM_TEST"  # set to the node id in the process fixturesim runs
+_KEEP = pytest.StashKey[Path]()  # where the test's trace and waveform go
 
 
 def pytest_addoption(parser: pytest.Parser) -> None:
@@ -50,23 +53,18 @@ def fixturesim_options(marker: Optional[pytest.Mark]) -> list[str]:
 
 
 @pytest.fixture
-def fixture_sim(request: pytest.FixtureRequest) -> Iterator[Any]:
+def fixture_sim(request: pytest.FixtureRequest,
+                tmp_path_factory: pytest.TempPathFactory) -> Iterator[Optional[Station]]:
     """Inside fixturesim: a started Station. Outside it yields None and the test itself is
     run in fixturesim by the plugin."""
     if os.environ.get(_INSIDE) != request.node.nodeid:
+        chosen = request.config.getoption("--fixturesim-keep")
+        keep = Path(chosen) if chosen else tmp_path_factory.getbasetemp() / "fixturesim"
+        request.node.stash[_KEEP] = keep
         yield None
         return
-    from brakwell import Station
-
     with Station() as station:
         yield station
-
-
-def _keep_dir(config: pytest.Config) -> Path:
-    chosen = config.getoption("--fixturesim-keep")
-    if chosen:
-        return Path(chosen)
-    return config._tmp_path_factory.getbasetemp() / "fixturesim"  # type: ignore[attr-defined]
 
 
 @pytest.hookimpl(tryfirst=True)
@@ -77,7 +75,7 @@ def pytest_pyfunc_call(pyfuncitem: pytest.Function) -> Optional[bool]:
     fixturesim = os.environ.get("FIXTURESIM") or shutil.which("fixturesim")
     if not fixturesim:
         pytest.fail("fixturesim not found: put it on PATH or set FIXTURESIM", pytrace=False)
-    keep = _keep_dir(config)
+    keep = pyfuncitem.stash[_KEEP]
     keep.mkdir(parents=True, exist_ok=True)
     stem = str(keep / re.sub(r"[^\w.-]+", "_", pyfuncitem.nodeid))
     trace, vcd = Path(stem + ".trace"), Path(stem + ".vcd")

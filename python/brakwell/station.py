@@ -94,8 +94,8 @@ class Site:
 
     def __init__(self, well: "Well", site: int) -> None:
         self.well, self.site = well, site
-        self.number = well.index * 4 + site
-        self.uut = self.number - 1
+        self.number: int = well.index * 4 + site
+        self.uut: int = self.number - 1
 
     def __repr__(self) -> str:
         return f"<Site {self.number} ({self.port or 'no port'})>"
@@ -103,12 +103,12 @@ class Site:
     @property
     def port(self) -> str:
         """The board's serial port bound at station start; "" when none."""
-        return lib.DIO_UUTSerialDevice[self.uut].value.decode()
+        return str(lib.DIO_UUTSerialDevice[self.uut].value.decode())
 
     @property
     def connected(self) -> bool:
         """Whether the board's port is open."""
-        return lib.DIO_fileDescriptor[self.uut] >= 0
+        return bool(lib.DIO_fileDescriptor[self.uut] >= 0)
 
     usb_power = _line("SOC_USBPower", "the unit's USB supply")
     battery_power = _line("SOC_BatteryPower", "the unit's battery supply")
@@ -184,7 +184,8 @@ class Site:
 class Well:
     """One well: its press and tray, operator buttons, sensors, run LED and four sites."""
 
-    def __init__(self, station: "Station", index: int, handle: "lib.Handle") -> None:
+    def __init__(self, station: "Station", index: int,
+                 handle: "ctypes._Pointer[lib.FixtureController]") -> None:
         self.station, self.index, self.handle = station, index, handle
         self.number = index + 1
         self.sites = [Site(self, s) for s in range(1, 5)]

@@ -14,6 +14,7 @@ from __future__ import annotations
 
 import sys
 import time
+from typing import Callable
 
 from brakwell import BootMode, Led, Site, Station, Well, in_parallel, present_units, track_units
 
@@ -24,7 +25,7 @@ def mode_of(site: Site) -> BootMode:
     return "dfu" if site.number % 2 else "iboot"
 
 
-def timed(fn) -> float:
+def timed(fn: Callable[[], object]) -> float:
     start = time.monotonic()
     fn()
     return time.monotonic() - start

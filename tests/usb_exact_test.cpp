@@ -35,6 +35,7 @@ struct Parse {
   long expected;
 };
 const std::string kLongStatus = "x=" + std::string(70, '1') + " l_sw";
+void PrintTo(const Parse& row, std::ostream* out) { *out << row.name; }
 long status(const char* reply, const char*) { return brakwell::link::parse_status_reply(reply); }
 long to_int(const char* text, const char*) { return strToInt(text); }
 long branch(const char* a, const char* b) { return getDifferentLocationIndex(a, b); }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <memory>
 
 #include "Brakwell.h"
 #include "dio.h"
@@ -26,9 +27,10 @@ T symbol(void* library, const char* name) {
 
 TEST(Reload, FreshCopyNoThreadNoOpenModule) {
   const auto so = fs::canonical("/proc/self/exe").parent_path().parent_path() / "libBrakwell.so";
-  sim::Testbed bed;
-  sim::UsbBus bus(bed);
-  sim::DioModule module(bus, 0);
+  auto bed = std::make_unique<sim::Testbed>();
+  auto bus = std::make_unique<sim::UsbBus>(*bed);
+  auto module = std::make_unique<sim::DioModule>(*bus, 0);
+  bool unloaded = true;
   setenv("LIBUSB_DEBUG", "2", 1);  // libusb's warnings, among them devices left open at exit
   ::testing::internal::CaptureStderr();
   size_t fds = 0;
@@ -48,7 +50,7 @@ TEST(Reload, FreshCopyNoThreadNoOpenModule) {
     ASSERT_EQ(dlclose(library), 0);
     void* still = dlopen(so.c_str(), RTLD_NOW | RTLD_NOLOAD);
     EXPECT_EQ(still, nullptr) << "still loaded after dlclose";
-    if (still) dlclose(still);
+    if (still) unloaded = false, dlclose(still);
     for (int i = 0; i < 400 && entries("/proc/self/task") != threads; ++i)
       brakwell::platform::sleep_seconds(0.005);
     EXPECT_EQ(entries("/proc/self/task"), threads);
@@ -58,6 +60,9 @@ TEST(Reload, FreshCopyNoThreadNoOpenModule) {
   const std::string warnings = ::testing::internal::GetCapturedStderr();
   EXPECT_EQ(warnings.find("left some devices open"), std::string::npos) << warnings;
   unsetenv("LIBUSB_DEBUG");
+  if (!unloaded) {  // the copy still loaded talks to this testbed until the process exits
+    module.release(), bus.release(), bed.release();
+  }
 }
 
 }  // namespace

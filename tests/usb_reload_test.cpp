@@ -1,6 +1,5 @@
-// dlclose really unloads the library, even after a call that hands back a per-thread text: the
-// next dlopen maps a fresh copy, the event thread is gone, and a DIO module left open is closed
-// with the USB context (no descriptor growth, no libusb warning about open devices).
+// dlclose unloads the library even after a per-thread text was handed back: fresh tables, no event
+// thread, and a DIO module left open closed with the USB context (no descriptor left open).
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 

@@ -52,6 +52,9 @@ struct libusb_interface_descriptor;
  * ------------------------------------------------------------------------------------------- */
 typedef struct FixtureController FixtureController; /* opaque */
 
+/* The unit location texts of get_usb_location. A successful getUSBLocationForUART stores its
+ * eight fields here, but only into slots that are null or that it filled itself before (an empty
+ * field makes such a slot null again): a slot the host set is never changed. */
 BRAKWELL_API extern const char* USBLocation[BRAKWELL_UUT_COUNT];
 
 BRAKWELL_API FixtureController* create_fixture_controller(int index);

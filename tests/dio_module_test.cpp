@@ -96,7 +96,7 @@ class Dio : public ::testing::Test {
   sim::DioModule& open(int m, bool registers = false) {
     sim::DioModule& module = plug(m);
     EXPECT_EQ(openUSB(m), 1);
-    EXPECT_NE(dio::g_intf[m], nullptr);
+    EXPECT_TRUE(dio::modules[m].hasInterface);
     EXPECT_EQ(registers ? dioOpen(m) : 1, 1);
     module.clear_record();
     log.clear();
@@ -113,10 +113,10 @@ class Dio : public ::testing::Test {
 TEST_F(Dio, OpenFailuresAndClose) {
   sim::DioModule& vendorClass = plug(0, 0xff);
   EXPECT_EQ(openUSB(1), 0);
-  EXPECT_EQ(dio::g_iterator[1], nullptr);
+  EXPECT_EQ(dio::modules[1].list, nullptr);
   EXPECT_EQ(openUSB(0), 1);
-  EXPECT_NE(dio::g_dev[0], nullptr);
-  EXPECT_EQ(dio::g_intf[0], nullptr);
+  EXPECT_NE(dio::modules[0].device, nullptr);
+  EXPECT_FALSE(dio::modules[0].hasInterface);
   EXPECT_EQ(writeToEndpt(0, 1, kStatusFrame, 3), 0);
   EXPECT_EQ(vendorClass.transfers(), 0u);
   EXPECT_TRUE(alerts.empty());
@@ -124,20 +124,21 @@ TEST_F(Dio, OpenFailuresAndClose) {
   unplug(0);
 
   sim::DioModule& second = open(1);
-  EXPECT_EQ(dio::g_numPipes[1], 2);
+  EXPECT_EQ(dio::modules[1].numPipes, 2);
   EXPECT_EQ(writeToEndpt(1, 1, kStatusFrame, 3), 1);
   EXPECT_EQ(second.frames(), (Frames{{0x02, 0x03, 0x02}}));
   EXPECT_EQ(closeUSB(1), 0);
-  EXPECT_EQ(std::vector<const void*>({dio::g_dev[1], dio::g_intf[1], dio::g_iterator[1],
-                                      dio::g_usbDeviceRef[1], dio::masterPort}),
-            std::vector<const void*>(5, nullptr));
+  EXPECT_EQ(std::vector<const void*>({dio::modules[1].device, dio::modules[1].list,
+                                      dio::modules[1].service, dio::masterPort}),
+            std::vector<const void*>(4, nullptr));
+  EXPECT_FALSE(dio::modules[1].hasInterface);
   EXPECT_TRUE(log.stdout_lines().empty());
   EXPECT_TRUE(log.syslog().empty());
 
   sim::DioModule& noNode = plug(0);  // still listed, but no handle can be made
   ASSERT_EQ(unlink((bed->root() + noNode.usb().devnode()).c_str()), 0);
   EXPECT_EQ(openUSB(0), 1);
-  EXPECT_EQ(dio::g_dev[0], nullptr);
+  EXPECT_EQ(dio::modules[0].device, nullptr);
   dealWithDevice(0, nullptr);
   dealWithInterface(0, nullptr);
   libusb_interface_descriptor interface {};
@@ -168,10 +169,10 @@ TEST_F(Dio, VendorRequestAndCloseAfterTheModuleLeft) {
   EXPECT_EQ(vendorRequest(0, 1), 0);
   EXPECT_EQ(log.syslog(), Lines{"VELMORA: vendorRequest returned err 0xfffffffc"});
 
-  libusb_device_handle* const device = dio::g_dev[0];
+  libusb_device_handle* const device = dio::modules[0].device;
   EXPECT_EQ(closeUSB(0), 0);
-  EXPECT_EQ(dio::g_dev[0], device);
-  EXPECT_NE(dio::g_intf[0], nullptr);
+  EXPECT_EQ(dio::modules[0].device, device);
+  EXPECT_TRUE(dio::modules[0].hasInterface);
   unplug(0);
   sim::DioModule& again = open(0);
   EXPECT_EQ(writeToEndpt(0, 1, kStatusFrame, 3), 1);
@@ -195,7 +196,7 @@ TEST_F(Dio, BrokenLinkAlertsOnceAndSilencesThePipes) {
     uint32_t status = 7;
     EXPECT_EQ(dioStatus(0, &status), 0);
     EXPECT_EQ(status, 0u);
-    EXPECT_EQ(dio::g_intf[0], nullptr);
+    EXPECT_FALSE(dio::modules[0].hasInterface);
     module.vanish();
     const size_t transfers = module.transfers();
     const double start = monotonic_seconds();
@@ -223,7 +224,7 @@ TEST_F(Dio, AsyncReadCallbacksAndAlertText) {
   EXPECT_EQ(log.syslog(),
             (Lines{"VELMORA: USBDIO_02 Read Timeout! readTimerHandler invoked!",
                    "VELMORA: USB readCompletion: error from async read (e00002d6)\n"}));
-  EXPECT_EQ(dio::g_bReadError[1], 1);
+  EXPECT_EQ(dio::modules[1].readError, 1);
 
   brakwell::platform::set_alert_sink(nullptr, nullptr);
   unsetenv("DISPLAY");

@@ -1,17 +1,14 @@
 #include "platform/alert.h"
 
-#include <spawn.h>
 #include <sys/wait.h>
 #include <syslog.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <string>
 
-extern char** environ;
+#include "platform/spawn.h"
 
 namespace brakwell::platform {
 namespace {
@@ -33,19 +30,13 @@ bool show_dialog(const char* title, const char* message, const char* button) {
   const std::string textArg = std::string("--text=") + message;
   const std::string buttonArg = std::string("--ok-label=") + button;
   // --no-markup: the message is plain text, a device name must not be read as Pango markup.
-  const char* argv[] = {"zenity",        "--error",         "--no-markup", titleArg.c_str(),
-                        textArg.c_str(), buttonArg.c_str(), nullptr};
-  pid_t pid = 0;
-  if (posix_spawnp(&pid, "zenity", nullptr, nullptr, const_cast<char* const*>(argv), environ) !=
-      0) {
-    return false;
-  }
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return true;
-  }
+  const char* const argv[] = {"zenity",        "--error",         "--no-markup", titleArg.c_str(),
+                              textArg.c_str(), buttonArg.c_str(), nullptr};
+  static const std::string zenity = system_program("zenity");
+  const int status = run_program(zenity, argv);
   // 127 and signals mean zenity never showed the dialog (no display connection, missing libs).
-  return WIFEXITED(status) && WEXITSTATUS(status) != 127 && WEXITSTATUS(status) != 255;
+  return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) != 127 &&
+         WEXITSTATUS(status) != 255;
 }
 
 }  // namespace

@@ -4,8 +4,9 @@
 namespace brakwell::platform {
 
 // Shows the alert and returns once the operator has dismissed it. With a graphical session
-// (DISPLAY or WAYLAND_DISPLAY set) and zenity on the PATH it is a zenity dialog; otherwise the
-// title and message go to standard error and the system log and the call returns at once.
+// (DISPLAY or WAYLAND_DISPLAY set) and zenity in a system directory it is a zenity dialog;
+// otherwise the title and message go to standard error and the system log and the call returns
+// at once.
 void alert(const char* title, const char* message, const char* button);
 
 // Test seam: while a sink is attached, every alert is handed to it instead of being shown.

@@ -93,6 +93,17 @@ void print_line(const char* text) {
   deliver(false, std::string(text) + "\n");
 }
 
+void debug(const char* format, ...) {
+  const char* on = std::getenv("BRAKWELL_DEBUG");
+  if (!on || std::strcmp(on, "1") != 0) return;
+  char text[512];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  std::fprintf(stderr, "brakwell: %s\n", text);
+}
+
 void set_line_sink(LineSink newSink, void* context) {
   std::lock_guard lock(sinkMutex);
   sink = newSink;

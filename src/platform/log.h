@@ -14,6 +14,11 @@ void print(const char* format, ...);
 // A line to standard output followed by a newline, as puts() does.
 void print_line(const char* text);
 
+// A line of the debug trace to standard error when BRAKWELL_DEBUG is "1": why a device was
+// skipped, why a name is empty, which libusb call failed and how. Never a log line; off by
+// default.
+void debug(const char* format, ...);
+
 // Test seam: every log line and standard-output message is also handed to the sink, with
 // toSyslog telling which channel it went to. Pass nullptr to detach.
 using LineSink = void (*)(bool toSyslog, const char* text, void* context);

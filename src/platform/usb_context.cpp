@@ -1,21 +1,17 @@
 #include "platform/usb_context.h"
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <deque>
 #include <mutex>
 #include <thread>
 #include <vector>
 
-extern char** environ;
+#include "platform/log.h"
 
 namespace brakwell::platform::usb {
+
+using platform::debug;
 
 namespace {
 
@@ -187,10 +183,17 @@ std::string product_string(libusb_device_handle* handle) {
   }
   unsigned char buffer[256];
   int n = libusb_get_string_descriptor(handle, 0, 0, buffer, sizeof buffer);
-  if (n < 4 || buffer[1] != LIBUSB_DT_STRING) return "";
+  if (n < 4 || buffer[1] != LIBUSB_DT_STRING) {
+    debug("no product name: no language list (%s)", n < 0 ? libusb_error_name(n) : "too short");
+    return "";
+  }
   const uint16_t language = static_cast<uint16_t>(buffer[2] | buffer[3] << 8);
   n = libusb_get_string_descriptor(handle, descriptor.iProduct, language, buffer, sizeof buffer);
-  if (n < 2 || buffer[1] != LIBUSB_DT_STRING) return "";
+  if (n < 2 || buffer[1] != LIBUSB_DT_STRING) {
+    debug("no product name: string %d unreadable (%s)", descriptor.iProduct,
+          n < 0 ? libusb_error_name(n) : "too short");
+    return "";
+  }
   n = std::min(n, static_cast<int>(buffer[0]));
   return utf16le_to_utf8(buffer + 2, n >= 2 ? static_cast<size_t>(n - 2) : 0);
 }
@@ -202,7 +205,10 @@ std::string product_string(libusb_device* device) {
     return "";
   }
   libusb_device_handle* handle = nullptr;
-  if (libusb_open(device, &handle) != LIBUSB_SUCCESS) return "";
+  if (const int rc = libusb_open(device, &handle); rc != LIBUSB_SUCCESS) {
+    debug("no product name: libusb_open failed: %s", libusb_error_name(rc));
+    return "";
+  }
   std::string text = product_string(handle);
   libusb_close(handle);
   return text;
@@ -247,27 +253,6 @@ void on_context_end(ContextEndHook hook) {
   if (std::find(s.endHooks.begin(), s.endHooks.end(), hook) == s.endHooks.end()) {
     s.endHooks.push_back(hook);
   }
-}
-
-bool write_usb_report(const std::string& path) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-  if (fd < 0) return false;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, fd, STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, fd, STDERR_FILENO);
-  char program[] = "lsusb";
-  char verbose[] = "-v";
-  char* argv[] = {program, verbose, nullptr};
-  pid_t pid = 0;
-  const int rc = posix_spawnp(&pid, program, &actions, nullptr, argv, environ);
-  posix_spawn_file_actions_destroy(&actions);
-  close(fd);
-  if (rc != 0) return false;
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return true;
 }
 
 }  // namespace brakwell::platform::usb

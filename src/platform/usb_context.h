@@ -1,5 +1,5 @@
-// The library's one libusb context, the location-ID rule, the product-string read, the hotplug
-// event thread and the operator's USB report.
+// The library's one libusb context, the location-ID rule, the product-string read and the
+// hotplug event thread.
 #pragma once
 
 #include <libusb.h>
@@ -51,10 +51,5 @@ void shutdown();
 // handles) just before the context ends; registering the same function again does nothing.
 using ContextEndHook = void (*)();
 void on_context_end(ContextEndHook hook);
-
-// Runs `lsusb -v` (no shell) with its standard output written to `path`, which must not exist
-// yet (created O_CREAT|O_EXCL|O_NOFOLLOW, mode 0644), and waits for it. False when the file
-// cannot be created or the program cannot be run.
-bool write_usb_report(const std::string& path);
 
 }  // namespace brakwell::platform::usb

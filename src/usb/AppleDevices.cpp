@@ -7,9 +7,11 @@
 #include <cstring>
 
 #include "Brakwell.h"
+#include "common/result_text.h"
 #include "platform/log.h"
 #include "platform/usb_context.h"
 
+using brakwell::platform::debug;
 using brakwell::platform::log;
 namespace platform_usb = brakwell::platform::usb;
 
@@ -22,7 +24,12 @@ namespace brakwell::usb {
 namespace {
 
 constexpr uint16_t kEnglish = 0x0409;
-constexpr unsigned kTransferTimeoutMs = 1000;
+
+// "bus/address" of a device, for the debug trace.
+std::string where(libusb_device* device) {
+  return std::to_string(libusb_get_bus_number(device)) + "/" +
+         std::to_string(libusb_get_device_address(device));
+}
 
 enum CableKind { kNoCable = 0, kUsbUart = 1, kSerialCable = 2 };
 
@@ -55,6 +62,8 @@ bool read_name_and_serial(libusb_device* device, std::string& name, std::string&
   libusb_device_handle* handle = nullptr;
   const int opened = libusb_open(device, &handle);
   if (opened != LIBUSB_SUCCESS) {
+    debug("device %s skipped: libusb_open failed: %s", where(device).c_str(),
+          libusb_error_name(opened));
     log("usbDeviceArrival error - IOCreatePlugInInterfaceForService returned 0x%08x.\n", opened);
     return false;
   }
@@ -62,16 +71,19 @@ bool read_name_and_serial(libusb_device* device, std::string& name, std::string&
   libusb_device_descriptor descriptor{};
   const int described = libusb_get_device_descriptor(device, &descriptor);
   if (described != LIBUSB_SUCCESS) {
+    debug("device %s skipped: libusb_get_device_descriptor failed: %s", where(device).c_str(),
+          libusb_error_name(described));
     log("usbDeviceArrival error - GetLocationID returned 0x%08x.\n", described);
     libusb_close(handle);
     return false;
   }
   unsigned char buffer[256] = {};
-  const int got = libusb_control_transfer(handle, 0x80, LIBUSB_REQUEST_GET_DESCRIPTOR,
-                                          static_cast<uint16_t>(0x0300 | descriptor.iSerialNumber),
-                                          kEnglish, buffer, sizeof buffer, kTransferTimeoutMs);
+  const int got = libusb_get_string_descriptor(handle, descriptor.iSerialNumber, kEnglish, buffer,
+                                               sizeof buffer);
   libusb_close(handle);
   if (got < 0) {
+    debug("device %s skipped: serial number string %d: %s", where(device).c_str(),
+          descriptor.iSerialNumber, libusb_error_name(got));
     log("Could not get serial number string using index\n");
     return false;
   }
@@ -109,11 +121,16 @@ std::optional<uint32_t> logged_location(libusb_device* device) {
   uint8_t ports[8];
   const int n = libusb_get_port_numbers(device, ports, sizeof ports);
   if (n < 0) {
+    debug("device %s skipped: libusb_get_port_numbers failed: %s", where(device).c_str(),
+          libusb_error_name(n));
     log("usbDeviceArrival error - IOCreatePlugInInterfaceForService returned 0x%08x.\n", n);
     return std::nullopt;
   }
   auto id = platform_usb::location_id(libusb_get_bus_number(device), ports, n);
-  if (!id) log("usbDeviceArrival error - GetLocationID returned 0x%08x.\n", LIBUSB_ERROR_OVERFLOW);
+  if (!id) {
+    debug("device %s skipped: its port path has no location ID", where(device).c_str());
+    log("usbDeviceArrival error - GetLocationID returned 0x%08x.\n", LIBUSB_ERROR_OVERFLOW);
+  }
   return id;
 }
 
@@ -173,9 +190,9 @@ int enumUsbForLocationID(long vendorId, long productId) {
 }
 
 const char* getUSBDeviceName(void) {
-  thread_local std::string text;
-  text = mutableUSBDeviceName ? mutableUSBDeviceName : "(null)";
-  return text.c_str();
+  // Room for 32 names of the 128 bytes a device name may have.
+  thread_local char text[32 * 128];
+  return brakwell::result_text(text, mutableUSBDeviceName ? mutableUSBDeviceName : "(null)");
 }
 
 uint32_t removeHexTrailingZeros(uint32_t value) {

@@ -8,15 +8,12 @@
 //   "... IOCreatePlugInInterfaceForService ..."        enumeration: libusb_open fails (no handle
 //                                                      to talk through); arrival and location
 //                                                      lookups: libusb_get_port_numbers fails
-//   "... QueryInterface returned %d."                  no libusb counterpart: an open handle is
-//                                                      already the device interface
 //   "... GetLocationID returned 0x%08x."               enumeration: the serial-number index
 //                                                      cannot be read (the device descriptor);
 //                                                      elsewhere: the port path has no location
 //                                                      ID (a port above 15, or too deep)
 //   "Could not get serial number string using index"   the GET_DESCRIPTOR control transfer fails
-//   "... IOServiceAddInterestNotification ..."         no counterpart: a removal watch is an entry
-//                                                      in the tracker's table and cannot fail
+// The texts with no libusb counterpart are listed once, in usb/USBRW.h.
 #pragma once
 
 #include <libusb.h>

@@ -8,7 +8,9 @@
 
 #include "Brakwell.h"
 #include "common/numbers.h"
+#include "common/result_text.h"
 #include "platform/log.h"
+#include "platform/spawn.h"
 #include "platform/usb_context.h"
 #include "usb/AppleDevices.h"
 
@@ -75,8 +77,10 @@ void apply_branch(std::string* slots, int first, int branch) {
   }
 }
 
+// Only slots that are null or that point at the library's own storage: the host's stay.
 void fill_usb_location(const std::string* slots) {
   for (int i = 0; i < BRAKWELL_UUT_COUNT; ++i) {
+    if (USBLocation[i] && USBLocation[i] != locationSlots[i]) continue;
     if (slots[i].empty()) {
       USBLocation[i] = nullptr;
       continue;
@@ -84,6 +88,28 @@ void fill_usb_location(const std::string* slots) {
     std::snprintf(locationSlots[i], sizeof locationSlots[i], "%s", slots[i].c_str());
     USBLocation[i] = locationSlots[i];
   }
+}
+
+// The 16-bit units of a UTF-8 text, which the branch index counts; a byte that is not valid
+// UTF-8 counts as one unit.
+std::u16string utf16_units(const char* text) {
+  std::u16string units;
+  const auto* p = reinterpret_cast<const unsigned char*>(text ? text : "");
+  while (*p) {
+    const int extra = *p >= 0xf0 ? 3 : *p >= 0xe0 ? 2 : *p >= 0xc0 ? 1 : 0;
+    char32_t code = extra ? *p & (0x3f >> extra) : *p;
+    int taken = 1;
+    while (taken <= extra && (p[taken] & 0xc0) == 0x80) code = code << 6 | (p[taken++] & 0x3f);
+    if (taken <= extra) code = *p, taken = 1;  // a cut sequence: the lead byte alone
+    if (code > 0xffff) {
+      units += static_cast<char16_t>(0xd800 + ((code - 0x10000) >> 10));
+      units += static_cast<char16_t>(0xdc00 + (code & 0x3ff));
+    } else {
+      units += static_cast<char16_t>(code);
+    }
+    p += taken;
+  }
+  return units;
 }
 
 // "%x" of a location without its trailing zero digits.
@@ -102,7 +128,8 @@ void write_report(int uartIndex) {
   char path[96];
   std::snprintf(path, sizeof path, "/tmp/%s%d_%s", "VEL_USB_UUT", brakwell::one_based(uartIndex),
                 stamp);
-  if (!platform_usb::write_usb_report(path)) log("USB report %@ could not be written", path);
+  // A report already written this second, or none at all, shows only in the debug trace.
+  brakwell::platform::write_usb_report(path);
 }
 
 }  // namespace
@@ -114,7 +141,8 @@ using namespace brakwell::usb;
 extern "C" {
 
 const char* getUSBLocationForUART(long vendorId, long productId) {
-  thread_local std::string result;
+  // Eight "0x%x" fields of at most ten characters and seven commas.
+  thread_local char result[kUartSlots * 11];
   std::string slots[kUartSlots];
   const bool enumerated =
       for_each_located(vendorId, productId, [&](const std::string& name, uint32_t location) {
@@ -131,26 +159,26 @@ const char* getUSBLocationForUART(long vendorId, long productId) {
   log("idx2 for 5-8 is %d", b2);
   apply_branch(slots, 5, b2);
 
-  result.clear();
-  for (int i = 0; i < kUartSlots; ++i) result += (i ? "," : "") + slots[i];
-  log("usblocation is %@", result.c_str());
+  std::string joined;
+  for (int i = 0; i < kUartSlots; ++i) joined += (i ? "," : "") + slots[i];
+  log("usblocation is %@", joined.c_str());
   if (b1 == -1 && b2 == -1) return "error";
   fill_usb_location(slots);
-  return result.c_str();
+  return brakwell::result_text(result, joined);
 }
 
 const char* getUSBLocationForMCU(long vendorId, long productId) {
-  thread_local std::string result;
-  result.clear();
+  thread_local char result[16];
+  std::string found;
   const bool enumerated =
       for_each_located(vendorId, productId, [&](const std::string& name, uint32_t location) {
-        if (contains_ignoring_case(name, "DFU Mode")) result = location_text(location);
+        if (contains_ignoring_case(name, "DFU Mode")) found = location_text(location);
       });
-  return enumerated ? result.c_str() : "error";
+  return enumerated ? brakwell::result_text(result, found) : "error";
 }
 
 int getDifferentLocationIndex(const char* text1, const char* text2) {
-  const std::string a = text1 ? text1 : "", b = text2 ? text2 : "";
+  const std::u16string a = utf16_units(text1), b = utf16_units(text2);
   const int l1 = static_cast<int>(a.size()), l2 = static_cast<int>(b.size());
   if (l1 != l2) {
     log("Error Length for strLen1:%d, strLen2:%d", l1, l2);

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/numbers.h"
 #include "platform/log.h"
 #include "platform/sleep.h"
 
@@ -70,9 +71,9 @@ extern "C" {
 long strToInt(const char* text) {
   if (!text) return 0;
   if (std::strlen(text) >= 3 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-    return std::strtol(text + 2, nullptr, 16);
+    return brakwell::leading_number(text + 2, 16);
   }
-  return std::strtol(text, nullptr, 10);
+  return brakwell::leading_number(text, 10);
 }
 
 int dioReset(int m) {

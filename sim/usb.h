@@ -93,10 +93,12 @@ class UsbDevice {
   friend class UsbBus;
   struct Impl;
   UsbDevice(UsbBus& bus, UsbDeviceSpec desc, int busnum, int devnum);
+  std::vector<std::string> sysfs_records();  // also notes the children to remove with it
   UsbBus& bus_;
   UsbDeviceSpec spec_;
   int busnum_, devnum_;
   std::unique_ptr<Impl> impl_;
+  std::vector<std::string> children_;  // sys paths below it (interfaces, ports), parents first
 };
 
 class UsbBus {

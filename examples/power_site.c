@@ -33,6 +33,7 @@ int main(int argc, char** argv) {
   char line[128] = "";
   struct pollfd console;
   ssize_t got = 0;
+  int i;
 
   if (uut < 1 || uut > (int)SOC_GetSlotNumber()) {
     fprintf(stderr, "power_site: no site %d on this fixture\n", uut);
@@ -48,16 +49,19 @@ int main(int argc, char** argv) {
   printf("site %d: unit \"%s\" at 0x%x\n", uut, unit ? unit->deviceName : "-",
          unit ? unit->locationID : 0);
 
+  /* The unit's console: it says how it booted, and echoes what it is sent. */
   console.fd = open(get_uart_path(well, site), O_RDWR | O_NOCTTY | O_CLOEXEC);
   console.events = POLLIN;
-  if (console.fd >= 0 && poll(&console, 1, 2000) == 1)
+  for (i = 0; i < 2 && console.fd >= 0 && poll(&console, 1, 2000) == 1; i++) {
     got = read(console.fd, line, sizeof line - 1);
-  line[got > 0 ? got : 0] = '\0';
-  line[strcspn(line, "\r\n")] = '\0';
-  printf("console %s: %s\n", get_uart_path(well, site), got > 0 ? line : "(silent)");
+    line[got > 0 ? got : 0] = '\0';
+    line[strcspn(line, "\r\n")] = '\0';
+    printf("console %s: %s\n", i ? "echo" : get_uart_path(well, site), line);
+    if (i == 0 && write(console.fd, "hello\n", 6) != 6) break;
+  }
   if (console.fd >= 0) close(console.fd);
 
   set_usb_power(well, 1, site);
   release_fixture_controller(well);
-  return unit && got > 0 ? 0 : 1;
+  return unit && i == 2 ? 0 : 1;
 }

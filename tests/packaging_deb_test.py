@@ -1,7 +1,5 @@
 """The .deb that cpack makes: what it holds, that it unpacks into a working tree, lintian."""
-import os
-import shutil
-import subprocess
+import os, shutil, subprocess  # noqa: E401
 
 BUILD = os.environ["BRAKWELL_BINARY_DIR"]
 

@@ -61,18 +61,17 @@ std::string apply(Device dev) {
   return group + " " + mode + (dev["ENV{ID_MM_DEVICE_IGNORE}"] == "1" ? " mm" : "") + links;
 }
 
-Device usb(const char* action, const char* vendor, const char* product, const char* serial) {
-  return {{"ACTION", action},         {"SUBSYSTEM", "usb"},         {"ENV{DEVTYPE}", "usb_device"},
-          {"ATTR{idVendor}", vendor}, {"ATTR{idProduct}", product}, {"ATTR{serial}", serial}};
-}
-Device tty(const char* action, const char* kernel, const char* vendor, const char* product,
-           const char* serial, const char* interface) {
+// A USB device (no kernel name) or one of its ttys, as udev sees them: attributes, usb_id's keys.
+Device device(const char* action, const char* kernel, const std::string& ids, const char* serial,
+              const char* interface = "00") {
+  const std::string a = *kernel ? "ATTRS{" : "ATTR{";
   return {{"ACTION", action},
-          {"SUBSYSTEM", "tty"},
+          {"SUBSYSTEM", *kernel ? "tty" : "usb"},
           {"KERNEL", kernel},
-          {"ATTRS{idVendor}", vendor},
-          {"ATTRS{idProduct}", product},
-          {"ATTRS{serial}", serial},
+          {"ENV{DEVTYPE}", *kernel ? "" : "usb_device"},
+          {a + "idVendor}", ids.substr(0, 4)},
+          {a + "idProduct}", ids.substr(5)},
+          {a + "serial}", serial},
           {"usb_id:ID_SERIAL_SHORT", serial},
           {"usb_id:ID_USB_INTERFACE_NUM", interface}};
 }
@@ -83,38 +82,35 @@ TEST(UdevRules, NameAndOpenTheFixturesDevicesOnlyAndLeaveStrangersAlone) {
     Device device;
     std::string expected;
   } rows[] = {
-      {"board", usb("add", "1fc9", "df01", "VEL_03_A"), "brakwell 0660 mm"},
-      {"board port", tty("add", "ttyACM2", "1fc9", "df01", "VEL_03_A", "00"),
+      {"board", device("add", "", "1fc9:df01", "VEL_03_A"), "brakwell 0660 mm"},
+      {"board port", device("add", "ttyACM2", "1fc9:df01", "VEL_03_A"),
        "brakwell 0660 mm tty.usbmodemVEL_03_A1"},
-      {"board port, change", tty("change", "ttyACM2", "1fc9", "df01", "VEL_03_A", "00"),
+      {"board port, change", device("change", "ttyACM2", "1fc9:df01", "VEL_03_A"),
        "brakwell 0660 mm tty.usbmodemVEL_03_A1"},
-      {"board port, remove", tty("remove", "ttyACM2", "1fc9", "df01", "VEL_03_A", "00"), " "},
-      {"UART bridge", usb("add", "0403", "6001", "RT000001"), "brakwell 0660 mm"},
-      {"UART port", tty("add", "ttyUSB0", "0403", "6001", "RT000001", "00"),
+      {"board port, remove", device("remove", "ttyACM2", "1fc9:df01", "VEL_03_A"), " "},
+      {"UART bridge", device("add", "", "0403:6001", "RT000001"), "brakwell 0660 mm"},
+      {"UART port", device("add", "ttyUSB0", "0403:6001", "RT000001"),
        "brakwell 0660 mm cu.usbserial-RT000001"},
-      {"quad bridge, first port", tty("add", "ttyUSB4", "0403", "6011", "RT000005", "00"),
+      {"quad bridge, first port", device("add", "ttyUSB4", "0403:6011", "RT000005"),
        "brakwell 0660 mm cu.usbserial-RT000005"},
-      {"quad bridge, second port", tty("add", "ttyUSB5", "0403", "6011", "RT000005", "01"),
+      {"quad bridge, second port", device("add", "ttyUSB5", "0403:6011", "RT000005", "01"),
        "brakwell 0660 mm"},
-      {"DIO module 1", usb("add", "0471", "df02", ""), "brakwell 0660"},
+      {"DIO module 1", device("add", "", "0471:df02", ""), "brakwell 0660"},
       {"uinput",
        {{"ACTION", "add"}, {"SUBSYSTEM", "misc"}, {"KERNEL", "uinput"}},
        "brakwell-input 0660"},
-      {"another FTDI", usb("add", "0403", "6001", "A50285BI"), " "},
-      {"another FTDI's port", tty("add", "ttyUSB9", "0403", "6001", "A50285BI", "00"), " "},
-      {"another CDC device", usb("add", "2341", "0043", "7563331"), " "},
-      {"another CDC port", tty("add", "ttyACM9", "2341", "0043", "7563331", "00"), " "},
+      {"another FTDI", device("add", "", "0403:6001", "A50285BI"), " "},
+      {"another FTDI's port", device("add", "ttyUSB9", "0403:6001", "A50285BI"), " "},
+      {"another CDC device", device("add", "", "2341:0043", "7563331"), " "},
+      {"another CDC port", device("add", "ttyACM9", "2341:0043", "7563331"), " "},
   };
   for (const auto& row : rows) EXPECT_EQ(apply(row.device), row.expected) << row.what;
 }
 
 TEST(UdevRules, EveryGroupTheyGiveIsMadeBySysusers) {
   std::ifstream in(std::string(BRAKWELL_SOURCE_DIR) + "/packaging/sysusers.d/brakwell.conf");
-  std::stringstream sysusers;
-  sysusers << in.rdbuf();
-  for (const char* group : {"brakwell", "brakwell-input"}) {
-    EXPECT_NE(sysusers.str().find(std::string("\ng ") + group + " -\n"), std::string::npos);
-  }
+  const std::string text((std::istreambuf_iterator<char>(in)), {});
+  EXPECT_NE(text.find("\ng brakwell -\ng brakwell-input -\n"), std::string::npos) << text;
 }
 
 }  // namespace

@@ -1,8 +1,5 @@
 """The virtual fixture as the system's own tools and the example hosts see it (one well)."""
-import collections
-import os
-import re
-import subprocess
+import collections, os, re, subprocess  # noqa: E401
 
 import pytest
 

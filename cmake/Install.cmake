@@ -1,11 +1,14 @@
 # What `cmake --install` adds beside the library and its header: the pkg-config file, the CMake
-# package (find_package(Brakwell) gives Brakwell::Brakwell) and the udev rules. fixturesim and
-# fixturectl install themselves from their own directories, where their targets are made.
+# package (find_package(Brakwell) gives Brakwell::Brakwell), the udev rules and the sysusers entry
+# for their groups. fixturesim and fixturectl install themselves from their own directories,
+# where their targets are made.
 include(CMakePackageConfigHelpers)
 
 set(BRAKWELL_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Brakwell)
-set(BRAKWELL_UDEV_RULES_DIR lib/udev/rules.d CACHE STRING
-    "Where the udev rules are installed, relative to the prefix")
+# udev and systemd-sysusers read packages' files from /usr/lib whatever the install prefix is
+# (a /usr/local/lib/udev would never be read); DESTDIR still applies, for staging and packages.
+set(BRAKWELL_UDEV_RULES_DIR /usr/lib/udev/rules.d CACHE PATH "Where udev reads the rules from")
+set(BRAKWELL_SYSUSERS_DIR /usr/lib/sysusers.d CACHE PATH "Where systemd-sysusers reads from")
 
 # An installed program finds libBrakwell beside it, wherever the tree was installed.
 set(BRAKWELL_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
@@ -29,5 +32,8 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/BrakwellConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/BrakwellConfigVersion.cmake
         DESTINATION ${BRAKWELL_CMAKE_DIR})
 
-install(FILES ${CMAKE_CURRENT_LIST_DIR}/../packaging/udev/70-brakwell.rules
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/../packaging/udev/60-brakwell.rules
+              ${CMAKE_CURRENT_LIST_DIR}/../packaging/udev/70-brakwell-access.rules
         DESTINATION ${BRAKWELL_UDEV_RULES_DIR})
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/../packaging/sysusers.d/brakwell.conf
+        DESTINATION ${BRAKWELL_SYSUSERS_DIR})

@@ -1,6 +1,15 @@
 # Writes a linker version script that exports every function and data object declared with
-# BRAKWELL_API in the public header, and hides everything else.
+# BRAKWELL_API in the public header, and hides everything else. The header's version macros are
+# not symbols (no BRAKWELL_API line); they must name the project's version.
 function(brakwell_version_script header output)
+  foreach(part MAJOR MINOR)
+    file(STRINGS ${header} macro REGEX "^#define BRAKWELL_VERSION_${part} ")
+    string(REGEX REPLACE ".* ([0-9]+)$" "\\1" value "${macro}")
+    if(NOT value STREQUAL "${PROJECT_VERSION_${part}}")
+      message(FATAL_ERROR "${header}: BRAKWELL_VERSION_${part} is '${value}', the project is "
+                          "${PROJECT_VERSION}")
+    endif()
+  endforeach()
   file(STRINGS ${header} lines REGEX "^BRAKWELL_API ")
   set(names "")
   foreach(line IN LISTS lines)

@@ -24,6 +24,11 @@
 #include <stdbool.h>
 #include <stdint.h>
 
+/* The library this header belongs to: 4.1 (libBrakwell.so.4). A host can test them at build
+ * time; SOC_LibVersion answers the fixture firmware's version text at run time. */
+#define BRAKWELL_VERSION_MAJOR 4
+#define BRAKWELL_VERSION_MINOR 1
+
 #if defined(__GNUC__)
 #define BRAKWELL_API __attribute__((visibility("default")))
 #else
@@ -47,45 +52,96 @@ struct libusb_interface_descriptor;
 
 /* ---------------------------------------------------------------------------------------------
  * Fixture controller interface: one handle per well. Results: 0 success, -1 failure; texts as
- * above. A null handle never crashes the library: see README.md for what each call answers.
- * Sites are 1-based within the handle's well; site + 4 on the second well (index 1).
+ * above. A null handle never crashes the library; each call's answer to one is given below
+ * ("null:"), and none of those answers logs anything unless it says so.
+ * Sites are 1-based within the handle's well: the station-wide UUT number is site + 4 when the
+ * handle's index is exactly 1, else site. A site below 1 is refused like a null handle.
+ *
+ * The two well rules. A call that takes a well (or uses the handle's index as one) reads it one
+ * of two ways, marked on each call:
+ *   [well==1]  1 is the second well, every other value (2, -1, ...) the first;
+ *   [well!=0]  0 is the first well, every other value the second.
+ * Pauses ("blocks") are sleeps of the calling thread; a call marked with none returns at once
+ * apart from its serial writes. A status query blocks 0.3 s for its reply.
  * ------------------------------------------------------------------------------------------- */
 typedef struct FixtureController FixtureController; /* opaque */
 
-/* The unit location texts of get_usb_location. A successful getUSBLocationForUART stores its
- * eight fields here, but only into slots that are null or that it filled itself before (an empty
- * field makes such a slot null again): a slot the host set is never changed. */
+/* Slot i: the USB location text ("0x1113000") of UUT i, 0-7; every slot starts NULL. A successful
+ * getUSBLocationForUART stores its eight fields here, but only into slots that are null or that it
+ * filled itself before (an empty field makes such a slot null again): a slot the host set is never
+ * changed, and the host owns the texts it stores. */
 BRAKWELL_API extern const char* USBLocation[BRAKWELL_UUT_COUNT];
 
+/* Runs the whole station start (SOC_Start) and answers a new handle, which the host frees with
+ * release_fixture_controller. Blocks at least 0.8 s (0.1 s before each of eight port opens) plus
+ * the USB enumeration. When no fixture board was found the handle is still made, but its site
+ * count is unset (get_site_count answers whatever the memory held): check SOC_GetWellNumber()
+ * (0 = no fixture) before trusting it. */
 BRAKWELL_API FixtureController* create_fixture_controller(int index);
+/* Frees the handle and nothing else (the ports stay open: SOC_Done closes them). null: nothing. */
 BRAKWELL_API void release_fixture_controller(FixtureController* handle);
+/* "Velmora Technologies", static. */
 BRAKWELL_API const char* get_vendor(void);
+/* The trimmed first text of FixtureSerialNumber.txt beside the host program's directory, or
+ * "UNKNOWN" (static) when it is missing or empty. Valid until the next call on this thread.
+ * null: "UNKNOWN". */
 BRAKWELL_API const char* get_serial_number(FixtureController* handle);
+/* "SUCCESS" (0), "FAILURE" (-1), "UNKNOWN" (any other); static. */
 BRAKWELL_API const char* get_error_message(int status);
+/* "0.9", the interface's version (not the library's: see BRAKWELL_VERSION_MAJOR); static.
+ * null: "UNKNOWN", logged as "VELMORA: get_version, returning UNKNOWN". */
 BRAKWELL_API const char* get_version(FixtureController* handle);
+/* The station-wide site count, 4 or 8 (not the four of this well; unset when no fixture was
+ * found, see create_fixture_controller). null: -1. */
 BRAKWELL_API int get_site_count(FixtureController* handle);
+/* The well count (one press per well). null: -1. */
 BRAKWELL_API int get_actuator_count(FixtureController* handle);
+/* USBLocation's slot for the site: the text the host or getUSBLocationForUART stored there, or
+ * NULL while it is empty. null, site < 1 or beyond the eighth UUT: "error" (static). */
 BRAKWELL_API const char* get_usb_location(FixtureController* handle, int site);
+/* "/dev/cu.usbserial-RT00000<uut>", the unit's console (the udev rules make the link); not
+ * checked to exist. Valid until the next call on this thread. null or site < 1: "error". */
 BRAKWELL_API const char* get_uart_path(FixtureController* handle, int site);
+/* The well of the site's UUT: 0 for UUT 1-4, 1 for 5-8, -1 beyond, whatever the handle's
+ * index. null or site < 1: -1. */
 BRAKWELL_API int actuator_for_site(FixtureController* handle, int site);
 
 /* Actuators, LEDs and fixture state. LED states: 0 OFF, 1 PASS, 2 FAIL, 3 INPROGRESS. */
+/* Reset, press up, tray out, both LEDs of each site off. [well==1] Blocks 5.0 s plus 0.01 s per
+ * well-wide line. -1 when an LED command fails. null: -1, logged "VELMORA: init..., invalid
+ * controller.". */
 BRAKWELL_API int init(FixtureController* handle);
+/* "vel_dfu_reset" to each site of the well. [well==1] Blocks 0.01 s per site. Always 0.
+ * null: -1. */
 BRAKWELL_API int reset(FixtureController* handle);
+/* Press down / up, tray in / out, sent to each site of the well; never a failure. [well==1]
+ * Block 0.01 s per site; fixture_open first resets the well and waits 1.0 s. null: -1. */
 BRAKWELL_API int fixture_engage(FixtureController* handle);
 BRAKWELL_API int fixture_disengage(FixtureController* handle);
 BRAKWELL_API int fixture_close(FixtureController* handle);
 BRAKWELL_API int fixture_open(FixtureController* handle);
+/* The well's sensors, from a status query. [well!=0] Block 0.31 s; false also when the board
+ * did not answer. null: false. */
 BRAKWELL_API bool is_fixture_engaged(FixtureController* handle);
 BRAKWELL_API bool is_fixture_disengaged(FixtureController* handle);
 BRAKWELL_API bool is_fixture_closed(FixtureController* handle);
 BRAKWELL_API bool is_fixture_open(FixtureController* handle);
+/* States 1 and 2 light the site's pass or fail LED (the other one off); 0 and 3 switch the
+ * well's run LED off or on (0.01 s before each site's line); other states do nothing and
+ * answer 0. [well==1] null or site < 1: -1. */
 BRAKWELL_API int set_led_state(FixtureController* handle, int state, int site);
+/* As set_led_state, on every site of the well, 0.01 s before each; here 1 lights the pass LEDs
+ * and every state but 0, 1 and 3 the fail LEDs, leaving the other colour as it was. null: -1. */
 BRAKWELL_API int set_led_state_all(FixtureController* handle, int state);
+/* SOC_PneumaticValveOn and SOC_PneumaticValveAutoOn (below), with a bare well index; no null
+ * case. [well!=0] */
 BRAKWELL_API bool PneumaticValveOn(int well, float timeLimit);
 BRAKWELL_API bool PneumaticValveAutoOn(int well, float timeLimit);
 
-/* DUT power and boot-mode sequences. state 1 is OFF, any other value ON. */
+/* DUT power and boot-mode sequences. state 1 is OFF, any other value ON. [well==1] 0, or -1
+ * when a command could not be written. Pauses: set_usb_power and set_battery_power none;
+ * set_force_dfu 1.12 s, set_force_iboot 1.11 s, set_force_diags 1.10 s, set_dut_power OFF 1.02
+ * s and ON 0.04 s, set_dut_power_all OFF 0.02 s and ON 0.05 s per site. null or site < 1: -1. */
 BRAKWELL_API int set_usb_power(FixtureController* handle, int state, int site);
 BRAKWELL_API int set_battery_power(FixtureController* handle, int state, int site);
 BRAKWELL_API int set_force_dfu(FixtureController* handle, int state, int site);
@@ -94,7 +150,8 @@ BRAKWELL_API int set_force_iboot(FixtureController* handle, int state, int site)
 BRAKWELL_API int set_dut_power(FixtureController* handle, int state, int site);
 BRAKWELL_API int set_dut_power_all(FixtureController* handle, int state);
 
-/* Signal flags and state getters: log and succeed, touching nothing. */
+/* Signal flags and state getters: log and succeed (0), touching nothing; no pause.
+ * null: -1 (is_board_detected: false). */
 BRAKWELL_API extern uint16_t action_usb_signal;
 BRAKWELL_API extern uint16_t action_usb_power;
 BRAKWELL_API extern uint16_t action_uart_signal;
@@ -124,21 +181,30 @@ BRAKWELL_API bool is_board_detected(FixtureController* handle, int site);
 
 /* ---------------------------------------------------------------------------------------------
  * Station control. UUT indexes are 0-based (0-3 first well, 4-7 second); results are true
- * when the command was written in full. An index outside 0-7 is a failed write.
+ * when the command was written in full. An index outside 0-7 is a failed write. Each one-site
+ * command blocks only for its write; the waits of the others are given with them.
  * ------------------------------------------------------------------------------------------- */
 BRAKWELL_API extern uint32_t g_WellNumber;
 BRAKWELL_API extern uint32_t g_SlotNumber;
 BRAKWELL_API extern bool dioOn1;
 BRAKWELL_API extern bool dioOn2;
 
+/* Copies "Velmora Lumbrix 4.01" into the host's buffer; false (buffer untouched) when it is
+ * NULL or holds fewer than 25 bytes. */
 BRAKWELL_API bool SOC_LibVersion(char* buffer, int size);
+/* Finds the fixture boards, counts the wells, opens the eight ports. Blocks at least 0.8 s. */
 BRAKWELL_API bool SOC_Start(void);
+/* "vel_hi5_disable" to every site, ports closed, Apple-device list emptied. Blocks 1.6 s. */
 BRAKWELL_API void SOC_Done(void);
+/* Wells found by the last start: 0 (no fixture), 1 or 2. */
 BRAKWELL_API uint32_t SOC_GetWellNumber(void);
+/* Sites found by the last start: 4 or 8; 0 before a start or when no fixture was found. */
 BRAKWELL_API uint32_t SOC_GetSlotNumber(void);
+/* 0 or 1: the well of a UUT index (always 0 on a one-well fixture). */
 BRAKWELL_API int SOC_GetWellIndex(int uut);
 
-/* Signal commands: one line to one site's board (the well-wide ones to four sites). */
+/* Signal commands: one line to one site's board (the well-wide ones to four sites).
+ * SOC_Reset, SOC_PowerOff, SOC_RunLed: [well==1], 0.01 s before each site's line. */
 BRAKWELL_API bool SOC_Reset(int well);
 BRAKWELL_API bool SOC_PowerOff(int well);
 BRAKWELL_API bool SOC_RunLed(int well, bool turnOn);
@@ -164,9 +230,23 @@ BRAKWELL_API bool SOC_DFU_Host_Conn(int uut);
 BRAKWELL_API bool SOC_ResetUUT(int uut);
 BRAKWELL_API bool SOC_Set_VBatt(int uut, int value);
 BRAKWELL_API bool SOC_Write(int uut, const char* text);
+/* The UUT's receive area (getDIORdBuff): the library's, BRAKWELL_RX_AREA bytes, valid for the
+ * life of the library; each write to the site clears it. The index is not checked. */
 BRAKWELL_API char* SOC_Read(int uut);
 
-/* Pneumatic press, operator buttons and sensors. A timeout of 0 waits without limit. */
+/* Pneumatic press, operator buttons and sensors. A timeout of 0 waits without limit.
+ * SOC_PneumaticValveOn: the two-hand cycle; blocks until the plate is down with the tray in and
+ * both hands off (about 0.4 s a poll), false when the timeout passed first. [well!=0]
+ * SOC_PneumaticValveAutoOn: tray in, plate down, no operator; blocks 0.65 s; always true.
+ * [well!=0] SOC_PneumaticValveOff: plate up, tray out; blocks 0.01 s. [well==1]
+ * The SOC_Is... tests: one status query each (0.3 s), after a pause of 0.2 s (SOC_IsValveOn),
+ * 0.01 s (SOC_IsFixture...) or none. [well!=0]; SOC_IsRun_Pressed serves wells 0 and 1 only,
+ * and on a press posts the well's key chord. With no answer the sensor tests are false and
+ * SOC_IsAbort_Pressed is true. The status word (queryFixtureStatusForWell1/2) is 0-63, or -1
+ * for no answer; each bit reads 0 when its input is active:
+ *   0x01 button A held (Run, Abort)   0x02 button B held
+ *   0x04 plate down (engaged)         0x08 plate up (disengaged)
+ *   0x10 tray in (closed)             0x20 tray out (opened) */
 BRAKWELL_API bool SOC_PneumaticValveOn(int well, float timeout);
 BRAKWELL_API bool SOC_PneumaticValveAutoOn(int well, float timeout);
 BRAKWELL_API bool SOC_PneumaticValveOff(int well);
@@ -195,6 +275,7 @@ BRAKWELL_API extern char DIORS232Buff[BRAKWELL_UUT_COUNT][BRAKWELL_RX_AREA];
  * registry entry a udev device. Keys "IOTTYDevice" (base name) and "IODialinDevice" (dial-in
  * path) are understood; any other key reads the udev property of that name. */
 BRAKWELL_API int createSerialIterator(struct udev_enumerate** iterator);
+/* The answer is the library's one 256-byte buffer, overwritten by the next call. */
 BRAKWELL_API char* getRegistryString(struct udev_device* entry, const char* key);
 BRAKWELL_API int listSerialPorts(void);
 BRAKWELL_API void matchDIO_UART(void);
@@ -204,9 +285,12 @@ BRAKWELL_API void CloseDIOSerialPort(int uut);
 
 BRAKWELL_API bool DIORS232Write(int uut, const char* buf, int len);
 BRAKWELL_API void ClearDIORS232Buff(int uut);
+/* The UUT's receive area, as SOC_Read. */
 BRAKWELL_API char* getDIORdBuff(int uut);
+/* The status word (see the press calls) of the well whose first site is uut. Blocks 0.3 s. */
 BRAKWELL_API int queryFixtureStatusForWell1(int uut);
 BRAKWELL_API int queryFixtureStatusForWell2(int uut);
+/* Well actions: one line to each site of the well, 0.01 s before each. [well==1] */
 BRAKWELL_API bool turnOnRunLed(int well);
 BRAKWELL_API bool turnOffRunLed(int well);
 BRAKWELL_API void fixtureDown(int well);
@@ -230,6 +314,8 @@ BRAKWELL_API extern uint32_t g_ListUutLocationID[BRAKWELL_APPLE_DEV_MAX];
 BRAKWELL_API extern uint32_t g_ListUartLocationID[BRAKWELL_APPLE_DEV_MAX];
 
 BRAKWELL_API int enumUsbForLocationID(long vendorId, long productId);
+/* The names of the last enumeration ("(null)" before one). Valid until the next call on this
+ * thread. mutableUSBDeviceName, the same text, is the library's. */
 BRAKWELL_API const char* getUSBDeviceName(void);
 BRAKWELL_API uint32_t removeHexTrailingZeros(uint32_t value);
 
@@ -242,6 +328,8 @@ BRAKWELL_API void usbDeviceRemoval(void* refCon, struct libusb_device* service,
 BRAKWELL_API void removeSelfFromAppleDevList(uint32_t locationID);
 BRAKWELL_API void usbDeviceRemoveAll(void);
 
+/* Location texts; "error" (static) when the enumeration failed, otherwise valid until the next
+ * call of the same function on this thread. */
 BRAKWELL_API const char* getUSBLocationForUART(long vendorId, long productId);
 BRAKWELL_API const char* getUSBLocationForMCU(long vendorId, long productId);
 BRAKWELL_API int getDifferentLocationIndex(const char* text1, const char* text2);

@@ -148,6 +148,8 @@ Board& Boards::add(const PortSpec& desc) {
   std::string record = "P: " + desc.sysPath + "\nN: " + desc.devnode.substr(5) +
                        "\nE: SUBSYSTEM=tty\nE: DEVNAME=" + desc.devnode + "\n";
   if (!desc.link.empty()) record += "E: DEVLINKS=" + desc.link + "\n";
+  // A port below a USB interface (".../1-1.1.2:1.0/tty/ttyACM0") points at it, as the kernel's do.
+  if (desc.sysPath.find("/tty/") != std::string::npos) record += "L: device=../..\n";
   bed_.add_from_string(record);
   if (!desc.link.empty()) bed_.add_dev_link(desc.link, desc.devnode.substr(5));
   const int fd = umockdev_testbed_get_dev_fd(bed_.raw(), desc.devnode.c_str());

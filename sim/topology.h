@@ -59,4 +59,10 @@ inline std::string board_tty_sys_path(int site) {
   return usb_sys_path(port) + "/" + port + ":1.0/tty/ttyACM" + std::to_string(site - 1);
 }
 
+// The UART bridge beside a site's unit: serial number RT00000<n>, its port ttyUSB<n-1> linked as
+// /dev/cu.usbserial-<serial> (the path get_uart_path answers), the unit's console at its end.
+inline std::string uart_serial(int site) { return "RT00000" + std::to_string(site); }
+inline std::string uart_tty(int site) { return "ttyUSB" + std::to_string(site - 1); }
+inline std::string uart_link(int site) { return "/dev/cu.usbserial-" + uart_serial(site); }
+
 }  // namespace sim

@@ -1,7 +1,17 @@
 #include "unit.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <map>
 #include <string>
+#include <thread>
+#include <vector>
+
+#include "topology.h"
 
 namespace sim {
 
@@ -21,6 +31,8 @@ struct Site {
   bool recoveryRequested = false;
   std::optional<BootMode> mode;  // set while the unit is on the bus
   UsbDevice* device = nullptr;
+  int console = -1;  // the unit's end of its UART port (the testbed's), -1 without one
+  int hold = -1;     // the station's end, held open so that the port never reads as hung up
 };
 
 // What each line the units care about does to a site.
@@ -48,8 +60,52 @@ struct Units::Impl {
   mutable std::mutex mutex;
   std::map<int, Site> sites;
   bool closed = false;
+  int wakePipe[2] = {-1, -1};
+  std::thread consoles;
 
   Impl(Testbed& b, UsbBus& u) : bed(b), bus(u) {}
+
+  // The unit's console on its UART bridge's port, when the bus made one for the site.
+  void attach_console(int n, Site& site) {
+    const std::string devnode = "/dev/" + uart_tty(n);
+    site.console = umockdev_testbed_get_dev_fd(bed.raw(), devnode.c_str());
+    if (site.console < 0) return;
+    fcntl(site.console, F_SETFL, fcntl(site.console, F_GETFL) | O_NONBLOCK);
+    fcntl(site.console, F_SETFD, fcntl(site.console, F_GETFD) | FD_CLOEXEC);
+    // Raw, or the port would echo the console's own output back to it.
+    site.hold = open(devnode.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    termios raw{};
+    if (site.hold >= 0 && tcgetattr(site.hold, &raw) == 0) {
+      cfmakeraw(&raw);
+      tcsetattr(site.hold, TCSANOW, &raw);
+    }
+  }
+
+  // A booted unit echoes what it is sent; an unpowered one drops it.
+  void serve_consoles() {
+    for (;;) {
+      std::vector<pollfd> fds{{wakePipe[0], POLLIN, 0}};
+      std::vector<int> owners{0};
+      {
+        std::lock_guard lock(mutex);
+        if (closed) return;
+        for (auto& [n, site] : sites) {
+          if (site.console >= 0) {
+            fds.push_back({site.console, POLLIN, 0});
+            owners.push_back(n);
+          }
+        }
+      }
+      if (poll(fds.data(), fds.size(), -1) <= 0) continue;
+      if (fds[0].revents) return;
+      for (size_t i = 1; i < fds.size(); ++i) {
+        char buf[256];
+        const ssize_t got = (fds[i].revents & POLLIN) ? read(fds[i].fd, buf, sizeof buf) : 0;
+        std::lock_guard lock(mutex);
+        if (got > 0 && sites[owners[i]].mode) (void)!write(fds[i].fd, buf, got);
+      }
+    }
+  }
 
   void on_line(int n, Effect effect) {
     std::lock_guard lock(mutex);
@@ -100,6 +156,11 @@ struct Units::Impl {
       const UnitIdentity& id = unit_identity(mode);
       site.mode = mode;
       bed.trace("site" + std::to_string(n), std::string("unit=") + id.state);
+      if (site.console >= 0) {
+        const std::string line =
+            "unit " + std::to_string(n) + " booted in " + id.state + " mode\r\n";
+        (void)!write(site.console, line.data(), line.size());
+      }
       site.device = &bus.add_unit(n, id.name, id.vendor, id.product);
     } else if (!powered && site.mode) {
       site.mode.reset();
@@ -113,7 +174,9 @@ struct Units::Impl {
 
 Units::Units(Testbed& bed, UsbBus& bus, const std::set<int>& sites)
     : impl_(std::make_shared<Impl>(bed, bus)) {
-  for (int n : sites) impl_->sites[n];
+  for (int n : sites) impl_->attach_console(n, impl_->sites[n]);
+  if (pipe2(impl_->wakePipe, O_CLOEXEC) != 0) std::abort();
+  impl_->consoles = std::thread([impl = impl_.get()] { impl->serve_consoles(); });
   std::weak_ptr<Impl> weak = impl_;
   bed.on_trace([weak](const TraceEvent& event) {
     // Only the lines boards received matter; everything else (our own changes included) is
@@ -128,8 +191,17 @@ Units::Units(Testbed& bed, UsbBus& bus, const std::set<int>& sites)
 }
 
 Units::~Units() {
-  std::lock_guard lock(impl_->mutex);
-  impl_->closed = true;
+  {
+    std::lock_guard lock(impl_->mutex);
+    impl_->closed = true;
+  }
+  (void)!write(impl_->wakePipe[1], "x", 1);
+  impl_->consoles.join();
+  for (auto& [n, site] : impl_->sites) {
+    if (site.hold >= 0) close(site.hold);
+  }
+  close(impl_->wakePipe[0]);
+  close(impl_->wakePipe[1]);
 }
 
 std::optional<BootMode> Units::present(int site) const {

@@ -2,7 +2,10 @@
 // of the site's hub, named by the boot mode its lines selected at power-up — force-DFU asserted:
 // DFU Mode; a Hi5 recovery request since the last power-down: Recovery Mode; otherwise a normal
 // boot. The unit leaves when both supplies go off or on "vel_dfu_reset\n" (the board's reset
-// cuts its power). Each site watches the lines its board receives.
+// cuts its power). Each site watches the lines its board receives. A site whose UART bridge has
+// its port (UsbBus::add_uart) has the unit's console at the port's other end: on booting the unit
+// writes "unit <n> booted in <normal|recovery|dfu> mode\r\n", and while up it echoes what it is
+// sent.
 #pragma once
 
 #include <cstdint>

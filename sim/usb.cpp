@@ -12,6 +12,7 @@
 #include <linux/usbdevice_fs.h>
 // clang-format on
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -99,6 +100,46 @@ std::string sys_path_of(const std::string& portPath) {
     if (i == portPath.size() || portPath[i] == '.') path += "/" + portPath.substr(0, i);
   }
   return path;
+}
+
+// A device record in umockdev's format. Attribute values end with a newline, as the kernel's do
+// (lsusb and pyserial cut the last character of each, expecting one).
+struct Record {
+  std::string text;
+  explicit Record(const std::string& sysPath) : text("P: " + sysPath + "\n") {}
+  Record& attr(const std::string& name, const std::string& value) {
+    text += "A: " + name + "=" + value + "\\n\n";
+    return *this;
+  }
+  Record& env(const std::string& name, const std::string& value) {
+    text += "E: " + name + "=" + value + "\n";
+    return *this;
+  }
+  // A link such as "driver" to /sys/<target>, relative to the device's directory.
+  Record& link_to_sys(const std::string& name, const std::string& target, int depth) {
+    std::string up;
+    for (int i = 0; i < depth; ++i) up += "../";
+    text += "L: " + name + "=" + up + target + "\n";
+    return *this;
+  }
+};
+
+std::string format(const char* pattern, unsigned value) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, pattern, value);
+  return buf;
+}
+
+int depth_of(const std::string& sysPath) {
+  return static_cast<int>(std::count(sysPath.begin(), sysPath.end(), '/'));
+}
+
+// The driver the kernel would bind to an interface: lsusb -t shows it.
+const char* driver_of(const UsbDeviceSpec& desc, const UsbInterfaceSpec& in) {
+  if (in.cls == 9) return "hub";
+  if (desc.vendor == 0x1fc9) return "cdc_acm";
+  if (desc.vendor == 0x0403) return "ftdi_sio";
+  return nullptr;
 }
 
 // umockdev hands uevents to datagram sockets whose queue holds few messages (net.unix.
@@ -329,6 +370,20 @@ struct UsbDevice::Impl {
       }
       return;
     }
+    // What lsusb -v asks besides descriptors: the device's status (bus powered, no remote
+    // wake-up) and, of a hub, its hub descriptor (4 ports) and each port's status (powered).
+    const bool hub = owner->spec_.deviceClass == 9;
+    std::vector<uint8_t> status;
+    if (setup.bmRequestType == 0x80 && setup.bRequest == 0) status = {0, 0};
+    if (hub && setup.bmRequestType == 0xa0 && setup.bRequest == 6) {
+      status = {9, 0x29, 4, 0xe0, 0, 50, 0, 0, 0xff};
+    }
+    if (hub && setup.bmRequestType == 0xa3 && setup.bRequest == 0) status = {0, 1, 0, 0};
+    if (!status.empty()) {
+      status.resize(std::min(status.size(), want));
+      entry.answer = std::move(status);
+      return;
+    }
     std::vector<uint8_t> data;
     const bool in = setup.bmRequestType & 0x80;
     if (!in) data.assign(packet + 8, packet + 8 + want);
@@ -428,6 +483,74 @@ UsbDevice::~UsbDevice() {
   }
 }
 
+// The device and its interfaces, with the attributes the kernel gives them (lsusb, lsusb -t and
+// pyserial read these; libusb reads the device's).
+std::vector<std::string> UsbDevice::sysfs_records() {
+  const UsbDeviceSpec& d = spec_;
+  const auto interfaces = effective_interfaces(d);
+  const std::string path = sys_path();
+  const bool root = d.portPath.rfind("usb", 0) == 0;
+  Record dev(path);
+  dev.text += "N: " + devnode().substr(5) + "\n";
+  dev.attr("busnum", std::to_string(busnum_))
+      .attr("devnum", std::to_string(devnum_))
+      .attr("devpath", root ? "0" : d.portPath.substr(d.portPath.find('-') + 1))
+      .attr("speed", "480")
+      .attr("version", " 2.00")
+      .attr("rx_lanes", "1")
+      .attr("tx_lanes", "1")
+      .attr("bConfigurationValue", "1")
+      .attr("bNumConfigurations", "1")
+      .attr("bNumInterfaces", format("%2u", static_cast<unsigned>(interfaces.size())))
+      .attr("bDeviceClass", format("%02x", d.deviceClass))
+      .attr("bDeviceSubClass", "00")
+      .attr("bDeviceProtocol", d.deviceClass == 9 ? "01" : "00")
+      .attr("bMaxPacketSize0", "64")
+      .attr("bmAttributes", "80")
+      .attr("bMaxPower", "100mA")
+      .attr("bcdDevice", "0100")
+      .attr("idVendor", format("%04x", d.vendor))
+      .attr("idProduct", format("%04x", d.product))
+      .attr("configuration", "")
+      .attr("maxchild", d.deviceClass == 9 ? "4" : "0")
+      .attr("authorized", "1")
+      .attr("removable", root ? "unknown" : "removable");
+  if (!d.productName.empty()) dev.attr("product", d.productName);
+  if (!d.serial.empty()) dev.attr("serial", d.serial);
+  dev.text += "H: descriptors=" + hex(descriptors_of(d)) + "\n";
+  dev.env("SUBSYSTEM", "usb").env("DEVTYPE", "usb_device");
+  dev.env("BUSNUM", three_digits(busnum_)).env("DEVNUM", three_digits(devnum_));
+  dev.env("DEVNAME", devnode());
+  const std::string ids = format("%x/", d.vendor) + format("%x/100", d.product);
+  dev.env("PRODUCT", ids).link_to_sys("driver", "bus/usb/drivers/usb", depth_of(path));
+  std::vector<std::string> records{dev.text};
+  children_.clear();
+  for (size_t i = 0; i < interfaces.size(); ++i) {
+    const auto& in = interfaces[i];
+    const std::string name =
+        (root ? std::to_string(busnum_) + "-0" : d.portPath) + ":1." + std::to_string(i);
+    const std::string at = path + "/" + name;
+    Record rec(at);
+    rec.attr("bInterfaceNumber", format("%02x", static_cast<unsigned>(i)))
+        .attr("bAlternateSetting", " 0")
+        .attr("bNumEndpoints", format("%02x", static_cast<unsigned>(in.endpoints.size())))
+        .attr("bInterfaceClass", format("%02x", in.cls))
+        .attr("bInterfaceSubClass", format("%02x", in.subclass))
+        .attr("bInterfaceProtocol", format("%02x", in.protocol))
+        .attr("authorized", "1")
+        .attr("supports_autosuspend", "1");
+    rec.env("SUBSYSTEM", "usb").env("DEVTYPE", "usb_interface").env("PRODUCT", ids);
+    rec.env("INTERFACE", std::to_string(in.cls) + "/" + std::to_string(in.subclass) + "/" +
+                             std::to_string(in.protocol));
+    if (const char* driver = driver_of(d, in)) {
+      rec.link_to_sys("driver", std::string("bus/usb/drivers/") + driver, depth_of(at));
+    }
+    records.push_back(rec.text);
+    children_.push_back(at);
+  }
+  return records;
+}
+
 uint32_t UsbDevice::location_id() const {
   if (spec_.portPath.rfind("usb", 0) == 0) return static_cast<uint32_t>(busnum_) << 24;
   uint32_t id = static_cast<uint32_t>(busnum_) << 24;
@@ -496,6 +619,13 @@ UsbBus::~UsbBus() {
 void UsbBus::ensure_root(int busnum, bool announce) {
   const std::string name = "usb" + std::to_string(busnum);
   if (find(name)) return;
+  // The host controller the root hub hangs from, with its driver (lsusb -t names it).
+  if (busnum == 1) {
+    Record controller(kPciRoot);
+    controller.env("SUBSYSTEM", "pci").env("DRIVER", "xhci_hcd");
+    bed_.add_from_string(
+        controller.link_to_sys("driver", "bus/pci/drivers/xhci_hcd", depth_of(kPciRoot)).text);
+  }
   add_locked(UsbDeviceSpec{name, 0x1d6b, 0x0002, "xHCI Host Controller", "", 9, {}}, announce);
 }
 
@@ -566,35 +696,7 @@ UsbDevice& UsbBus::add_locked(const UsbDeviceSpec& desc, bool announce) {
     std::abort();
   }
 
-  const auto descriptors = descriptors_of(desc);
-  char ids[64];
-  std::snprintf(ids, sizeof ids, "%x/%x/100", desc.vendor, desc.product);
-  std::string record = "P: " + device.sys_path() + "\n";
-  record += "N: " + device.devnode().substr(5) + "\n";
-  auto attr = [&](const std::string& name, const std::string& value) {
-    record += "A: " + name + "=" + value + "\n";
-  };
-  char buf[16];
-  attr("busnum", std::to_string(busnum));
-  attr("devnum", std::to_string(devnum));
-  attr("speed", "480");
-  attr("bConfigurationValue", "1");
-  attr("bNumConfigurations", "1");
-  std::snprintf(buf, sizeof buf, "%02x", desc.deviceClass);
-  attr("bDeviceClass", buf);
-  std::snprintf(buf, sizeof buf, "%04x", desc.vendor);
-  attr("idVendor", buf);
-  std::snprintf(buf, sizeof buf, "%04x", desc.product);
-  attr("idProduct", buf);
-  if (!desc.productName.empty()) attr("product", desc.productName);
-  if (!desc.serial.empty()) attr("serial", desc.serial);
-  if (desc.deviceClass == 9) attr("maxchild", "4");
-  record += "H: descriptors=" + hex(descriptors) + "\n";
-  record += "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\n";
-  record += "E: BUSNUM=" + three_digits(busnum) + "\nE: DEVNUM=" + three_digits(devnum) + "\n";
-  record += "E: DEVNAME=" + device.devnode() + "\n";
-  record += std::string("E: PRODUCT=") + ids + "\n";
-  bed_.add_from_string(record);
+  for (const auto& record : device.sysfs_records()) bed_.add_from_string(record);
   present_.push_back(&device);
   if (announce) {
     wait_for_listeners(bed_.root());
@@ -621,6 +723,8 @@ void UsbBus::drop(UsbDevice& device) {
   for (size_t i = behind.size(); i-- > 0;) drop(*behind[i]);
   wait_for_listeners(bed_.root());
   bed_.uevent("/sys" + device.sys_path(), "remove");
+  for (size_t i = device.children_.size(); i-- > 0;)
+    bed_.remove_device("/sys" + device.children_[i]);
   bed_.remove_device("/sys" + device.sys_path());
   std::erase(present_, &device);
   bed_.trace("usb", device.spec_.portPath + "=remove");
@@ -646,10 +750,26 @@ UsbDevice& UsbBus::add_board(int site) {
 
 UsbDevice& UsbBus::add_uart(int site, std::string name) {
   if (name.empty()) name = "USB UART" + std::to_string(site);
-  UsbDeviceSpec desc{site_port_path(site, kUartPort),  0x0403, 0x6001, name,
-                     "RT00000" + std::to_string(site), 0,      {}};
+  UsbDeviceSpec desc{
+      site_port_path(site, kUartPort), 0x0403, 0x6001, name, uart_serial(site), 0, {}};
   desc.interfaces = {UsbInterfaceSpec{0xff, 0xff, 0xff, {{0x81, 2}, {0x02, 2}}}};
-  return add(desc);
+  UsbDevice& device = add(desc);
+  // Its port, as ftdi_sio makes it: a usb-serial device below the interface, the tty below that,
+  // and the link the udev rules give it. The tty is a pseudo-terminal (see unit.h).
+  const std::string serialDevice = device.children_.front() + "/" + uart_tty(site);
+  Record port(serialDevice);
+  port.attr("port_number", "0").attr("latency_timer", "16").env("SUBSYSTEM", "usb-serial");
+  port.link_to_sys("driver", "bus/usb-serial/drivers/ftdi_sio", depth_of(serialDevice));
+  Record tty(serialDevice + "/tty/" + uart_tty(site));
+  tty.text += "N: " + uart_tty(site) + "\nL: device=../../../" + uart_tty(site) + "\n";
+  tty.env("SUBSYSTEM", "tty").env("DEVNAME", "/dev/" + uart_tty(site));
+  tty.env("DEVLINKS", uart_link(site));
+  bed_.add_from_string(port.text);
+  bed_.add_from_string(tty.text);
+  bed_.add_dev_link(uart_link(site), uart_tty(site));
+  device.children_.push_back(serialDevice);
+  device.children_.push_back(serialDevice + "/tty/" + uart_tty(site));
+  return device;
 }
 
 UsbDevice& UsbBus::add_unit(int site, const std::string& name, uint16_t vendor, uint16_t product) {

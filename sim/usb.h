@@ -21,6 +21,9 @@
 //   ioctl worker. Storm tests use devices without strings, which the library never opens.
 // - The root hub of each bus ("usb1", 1d6b:0002) exists from the first add, so that libusb finds
 //   /sys/bus/usb/devices. Hubs on a path are added on demand (05e3:0608 "USB2.0 Hub").
+// - Each device gets the sysfs shape and attribute formats of the kernel (values end with a
+//   newline, interfaces are devices of their own with their driver), so that lsusb, lsusb -t,
+//   lsusb -v and pyserial's list_ports see what they would on a real fixture.
 #pragma once
 
 #include <cstdint>
@@ -93,10 +96,12 @@ class UsbDevice {
   friend class UsbBus;
   struct Impl;
   UsbDevice(UsbBus& bus, UsbDeviceSpec desc, int busnum, int devnum);
+  std::vector<std::string> sysfs_records();  // also notes the children to remove with it
   UsbBus& bus_;
   UsbDeviceSpec spec_;
   int busnum_, devnum_;
   std::unique_ptr<Impl> impl_;
+  std::vector<std::string> children_;  // sys paths below it (interfaces, ports), parents first
 };
 
 class UsbBus {
@@ -114,7 +119,9 @@ class UsbBus {
 
   // The fixture's own devices, at the places topology.h gives:
   UsbDevice& add_board(int site);  // 1fc9:df01 "Velmora_DFU_CDC<n>", serial board_serial(n)
-  UsbDevice& add_uart(int site, std::string name = "");  // 0403:6001 "USB UART<n>", port 1
+  // 0403:6001 "USB UART<n>" at port 1, serial uart_serial(n), with its port uart_tty(n) linked
+  // as uart_link(n): the unit's console (unit.h).
+  UsbDevice& add_uart(int site, std::string name = "");
   UsbDevice& add_unit(int site, const std::string& name, uint16_t vendor = 0x05ac,
                       uint16_t product = 0x1281);  // port 3
 

@@ -58,7 +58,7 @@ TEST(Fixturesim, ExitsWithTheProgramsStatus) {
 TEST(Fixturesim, RunsTheProgramInsideTheFixtureAndCleansUp) {
   const auto ran =
       run({kSim, "--quiet", "--wells", "1", "--missing", "3", "--", "sh", "-c",
-           "echo $UMOCKDEV_DIR; ls /dev | grep usbmodem; ls /sys/bus/usb/devices | grep -c ."},
+           "echo $UMOCKDEV_DIR; ls /dev | grep usbmodem; ls /sys/bus/usb/devices | grep -vc :"},
           {"LD_PRELOAD"});
   ASSERT_EQ(ran.status, 0) << ran.err;
   std::istringstream lines(ran.out);

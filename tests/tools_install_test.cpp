@@ -45,12 +45,16 @@ std::string find_one(const fs::path& root, const std::string& name) {
 
 TEST(Install, HostBuildsAgainstTheInstalledTreeAndRunsInTheFixture) {
   tools_test::ScratchDir dir;
-  const std::string prefix = dir / "prefix";
-  const auto install = run({"cmake", "--install", BRAKWELL_BINARY_DIR, "--prefix", prefix});
+  // Staged as a package would be: the udev and sysusers files go to /usr/lib whatever the prefix.
+  const std::string prefix = dir / "root/usr";
+  const auto install = run({"cmake", "--install", BRAKWELL_BINARY_DIR, "--prefix", "/usr"},
+                           {"DESTDIR=" + (dir / "root")});
   ASSERT_EQ(install.status, 0) << install.out << install.err;
 
-  for (const char* file : {"include/Brakwell.h", "bin/fixturesim", "bin/fixturectl",
-                           "lib/udev/rules.d/70-brakwell.rules"}) {
+  for (const char* file :
+       {"include/Brakwell.h", "bin/fixturesim", "bin/fixturectl",
+        "lib/udev/rules.d/60-brakwell.rules", "lib/udev/rules.d/70-brakwell-access.rules",
+        "lib/sysusers.d/brakwell.conf"}) {
     EXPECT_TRUE(fs::exists(fs::path(prefix) / file)) << file;
   }
   const std::string pc = find_one(prefix, "brakwell.pc");

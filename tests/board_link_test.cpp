@@ -2,6 +2,7 @@
 // the bytes on the wire, the status query and the well-wide actions.
 #include "station/board_link.h"
 
+#include <Brakwell.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <termios.h>
@@ -10,7 +11,6 @@
 #include <cstring>
 #include <thread>
 
-#include "Brakwell.h"
 #include "boards.h"
 #include "platform/sleep.h"
 #include "support/log_capture.h"

@@ -1,5 +1,6 @@
 // The controller handle, its identity and geometry, the no-operation signal calls and what every
 // call answers for a null handle.
+#include <Brakwell.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -8,9 +9,8 @@
 #include <functional>
 #include <string>
 
-#include "Brakwell.h"
 #include "fixture.h"
-#include "fixture/Brakwell.h"
+#include "fixture/controller.h"
 #include "support/log_capture.h"
 
 namespace {

@@ -2,6 +2,7 @@
 // press moves, init. Checked: the lines each board receives, their order and UUT, the pause
 // after every write (timed from the station's outcome log lines, which the calling thread writes
 // right after each write), totals, and where a failure stops a sequence.
+#include <Brakwell.h>
 #include <gtest/gtest.h>
 
 #include <mutex>
@@ -9,9 +10,8 @@
 #include <sstream>
 #include <thread>
 
-#include "Brakwell.h"
 #include "boards.h"
-#include "fixture/Brakwell.h"
+#include "fixture/controller.h"
 #include "platform/log.h"
 #include "platform/sleep.h"
 

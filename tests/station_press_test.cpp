@@ -1,6 +1,7 @@
 // The pneumatic press, the operator buttons and sensors, and the Run key chord: the press cycle
 // against scripted statuses and against the well model with an operator, its time limits, the
 // truth rules of every status test, and the events on the virtual keyboard.
+#include <Brakwell.h>
 #include <gtest/gtest.h>
 #include <linux/input-event-codes.h>
 
@@ -8,7 +9,6 @@
 #include <cstring>
 #include <future>
 
-#include "Brakwell.h"
 #include "boards.h"
 #include "keyboard.h"
 #include "platform/sleep.h"

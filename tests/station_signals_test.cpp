@@ -1,6 +1,7 @@
 // UUT signal commands against eight open boards: the bytes on each site's port, the log lines
 // for on, off and a failed write, the well-wide calls, the result LED folding, the Hi5 pauses,
 // the battery voltage line, and raw write and read.
+#include <Brakwell.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -8,7 +9,6 @@
 #include <cstring>
 #include <functional>
 
-#include "Brakwell.h"
 #include "boards.h"
 #include "platform/sleep.h"
 #include "support/log_capture.h"

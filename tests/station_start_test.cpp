@@ -1,6 +1,7 @@
 // Station start and stop against the virtual fixture's USB bus and boards: the well count from
 // the board names, the enumeration order, a second start, the stop sequence and its timing, and
 // the version text.
+#include <Brakwell.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,7 +9,6 @@
 #include <memory>
 #include <set>
 
-#include "Brakwell.h"
 #include "boards.h"
 #include "platform/sleep.h"
 #include "platform/usb_context.h"

@@ -1,5 +1,6 @@
 // The Apple-device live list and history: arrivals and removals from the event thread, the host's
 // calls, full list, storms, and the thread's end at exit (at unload: faults_unload_test).
+#include <Brakwell.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -8,7 +9,6 @@
 #include <cstring>
 #include <set>
 
-#include "Brakwell.h"
 #include "platform/sleep.h"
 #include "platform/usb_context.h"
 #include "support/log_capture.h"

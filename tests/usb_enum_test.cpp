@@ -1,10 +1,10 @@
 // Enumeration by vendor and product: the device-name text, the cable kind, the serial request,
 // and the location-ID rule.
+#include <Brakwell.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
-#include "Brakwell.h"
 #include "platform/sleep.h"
 #include "platform/usb_context.h"
 #include "support/log_capture.h"

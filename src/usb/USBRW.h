@@ -3,11 +3,10 @@
 // exported (Brakwell.h).
 #pragma once
 
+#include <Brakwell.h>
 #include <libusb.h>
 
 #include <cstdint>
-
-#include "Brakwell.h"
 
 namespace brakwell::dio {
 

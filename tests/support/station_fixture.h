@@ -3,6 +3,7 @@
 // its tests; each test starts with boards that have received nothing and answer nothing.
 #pragma once
 
+#include <Brakwell.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,21 +12,16 @@
 #include <map>
 #include <string>
 
-#include "Brakwell.h"
 #include "boards.h"
-#include "fixture/Brakwell.h"
+#include "common/station.h"
+#include "fixture/controller.h"
 #include "platform/sleep.h"
 #include "support/log_capture.h"
 #include "usb.h"
 
 namespace testing_support {
 
-// A board's answer to "vel_fixture_status\n" for a six-bit status.
-inline std::string status_reply(int status) {
-  std::string bits;
-  for (int b = 5; b >= 0; --b) bits += (status >> b) & 1 ? '1' : '0';
-  return "vel_fixture_status=" + bits + " l_sw\n";
-}
+using brakwell::station::status_reply;
 
 class StationFixture : public ::testing::Test {
  protected:

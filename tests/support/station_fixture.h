@@ -93,9 +93,9 @@ class StationFixture : public ::testing::Test {
     wells[1] = static_cast<FixtureController*>(std::malloc(sizeof(FixtureController)));
     *wells[1] = *wells[0];
     wells[1]->index = 1;
+    EXPECT_EQ(g_WellNumber, 2u);
   }
   void SetUp() override {
-    ASSERT_EQ(g_WellNumber, 2u);
     g_WellNumber = 2;
     for (auto* b : boards->all()) {
       b->set_responder(nullptr);

@@ -329,7 +329,7 @@ class Bench {
     release_fixture_controller(controllers_[1]);
     if (mismatches) std::printf("\n%d runs sent other lines than expected\n", mismatches);
     std::printf(
-        "\ntiming: %zu sequences, overhead %.2f%% over specified pauses, %d early gaps, "
+        "\ntiming: %zu sequences, overhead %.2f%% over planned pauses, %d early gaps, "
         "median command excess %.0f us\n",
         sequences_.size(), 100 * (measuredSum - plannedSum) / plannedSum, early,
         median(excess) * 1e6);

@@ -136,7 +136,7 @@ TEST_F(BadInput, SitesOfAHandle) {
   for (int w = 0; w < 2; ++w) {
     FixtureController* h = wells[w];
     for (int site : kBad) {
-      const int64_t uut64 = static_cast<int64_t>(site) + (w == 1 ? 4 : 0);
+      const int64_t uut64 = static_cast<int64_t>(site) + brakwell::station::first_uut_only_one(w);
       const int32_t uut = static_cast<int32_t>(static_cast<uint32_t>(uut64));
       const bool inStation = site >= 1 && uut >= 1 && uut <= 8;  // only site 8 on well 0
       const std::string at = "well " + std::to_string(w) + " site " + std::to_string(site);

@@ -148,7 +148,7 @@ int parse_status_reply(const char* text) {
   const long length = marker - equals - 2;
   if (length <= 0) return -1;
   const std::string digits(equals + 1, static_cast<size_t>(length));
-  return static_cast<int>(std::strtol(digits.c_str(), nullptr, 2) & 0x3F);
+  return static_cast<int>(std::strtol(digits.c_str(), nullptr, 2) & brakwell::station::kStatusBits);
 }
 
 }  // namespace brakwell::link

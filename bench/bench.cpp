@@ -6,6 +6,7 @@
 // that waits.
 //
 //   brakwell_bench [--runs N] [--commands]      (under umockdev-wrapper)
+#include <Brakwell.h>
 #include <dirent.h>
 #include <sched.h>
 #include <sys/resource.h>
@@ -24,16 +25,16 @@
 #include <string>
 #include <vector>
 
-#include "Brakwell.h"
 #include "boards.h"
+#include "common/station.h"
 #include "dio.h"
 #include "topology.h"
 #include "usb.h"
 
 namespace {
 
-constexpr double S = 0.01;       // between line switches
-constexpr double L = 1.0;        // after battery off
+constexpr double S = brakwell::station::kLinePause;
+constexpr double L = brakwell::station::kLongPause;
 constexpr double Q = 0.3;        // between a status query and its parse
 constexpr double P = 0.1;        // between press-cycle polls
 constexpr double kEarly = 1e-3;  // a gap shorter than its pause by more than this is early
@@ -60,12 +61,6 @@ struct Measured {
   std::vector<std::vector<double>> gaps;  // per line, per run
   int mismatches = 0;
 };
-
-std::string status_reply(int status) {
-  std::string bits;
-  for (int b = 5; b >= 0; --b) bits += (status >> b) & 1 ? '1' : '0';
-  return "vel_fixture_status=" + bits + " l_sw\n";
-}
 
 double thread_cpu() {
   timespec t{};
@@ -118,13 +113,13 @@ void print_machine_baseline() {
     const double start = sim::now();
     timespec deadline{};
     clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_nsec += 10000000;
+    deadline.tv_nsec += static_cast<long>(S * 1e9);
     if (deadline.tv_nsec >= 1000000000) {
       deadline.tv_nsec -= 1000000000;
       ++deadline.tv_sec;
     }
     clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr);
-    over.push_back(sim::now() - start - 0.01);
+    over.push_back(sim::now() - start - S);
   }
   std::sort(over.begin(), over.end());
   double load = 0;
@@ -334,7 +329,7 @@ class Bench {
     release_fixture_controller(controllers_[1]);
     if (mismatches) std::printf("\n%d runs sent other lines than expected\n", mismatches);
     std::printf(
-        "\ntiming: %zu sequences, overhead %.2f%% over specified pauses, %d early gaps, "
+        "\ntiming: %zu sequences, overhead %.2f%% over planned pauses, %d early gaps, "
         "median command excess %.0f us\n",
         sequences_.size(), 100 * (measuredSum - plannedSum) / plannedSum, early,
         median(excess) * 1e6);
@@ -356,7 +351,7 @@ class Bench {
   // Replies to every status query of a site, in turn.
   void script(int site, std::vector<int> statuses) {
     std::vector<std::string> replies;
-    for (int s : statuses) replies.push_back(status_reply(s));
+    for (int s : statuses) replies.push_back(brakwell::station::status_reply(s));
     boards_.site(site).script_status(std::move(replies));
   }
 
@@ -366,7 +361,7 @@ class Bench {
       const int site = well == 1 ? 5 : 1;
       const int uut = site - 1;
       const std::string w = " well " + std::to_string(well);
-      const std::string query = "vel_fixture_status\n";
+      const std::string query = brakwell::station::kStatusQuery;
 
       for (int state : {0, 1}) {
         const bool on = state != 1;

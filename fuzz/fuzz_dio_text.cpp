@@ -1,6 +1,8 @@
 // dioWrite's value text and strToInt: the first byte picks the module, the second the register
 // (bad ones included), the rest is the text. No module is open, so every write must fail and
 // leave the register shadow as it was.
+#include <Brakwell.h>
+
 #include <climits>
 #include <cstddef>
 #include <cstdint>
@@ -8,7 +10,6 @@
 #include <cstring>
 #include <string>
 
-#include "Brakwell.h"
 #include "quiet.h"
 #include "usb/DIO.h"
 

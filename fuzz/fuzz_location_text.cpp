@@ -1,13 +1,14 @@
 // The location-text rules: the branch index of two location texts, the stripping of trailing
 // zero digits, and the UART table filled from a UART's name. The first four bytes are a location
 // ID; the rest is two texts separated by a line feed, the first also used as a UART name.
+#include <Brakwell.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include "Brakwell.h"
 #include "quiet.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

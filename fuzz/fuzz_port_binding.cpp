@@ -2,13 +2,14 @@
 // each input line is one dial-in path. The paths are put under a directory that does not exist,
 // so the opens that follow the binding fail at once and touch nothing on the machine; the rule
 // looks only at the first underscore, which the prefix does not hold.
+#include <Brakwell.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include "Brakwell.h"
 #include "quiet.h"
 
 namespace {

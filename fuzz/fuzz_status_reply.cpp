@@ -1,11 +1,12 @@
 // The status-reply parser, fed the way a status query feeds it: whatever a board sent, cut to
 // the receive area (never past its last byte, always NUL-terminated).
+#include <Brakwell.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
-#include "Brakwell.h"
 #include "quiet.h"
 #include "station/board_link.h"
 

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/station.h"
 #include "topology.h"
 
 namespace sim {
@@ -70,7 +71,7 @@ void Board::script_status(std::vector<std::string> replies) {
   auto next = std::make_shared<size_t>(0);
   set_responder(
       [replies = std::move(replies), next](const ReceivedLine& line) -> std::optional<std::string> {
-        if (line.text != "vel_fixture_status\n" || replies.empty()) return std::nullopt;
+        if (line.text != brakwell::station::kStatusQuery || replies.empty()) return std::nullopt;
         const size_t i = std::min(*next, replies.size() - 1);
         ++*next;
         return replies[i];

@@ -9,10 +9,11 @@
 namespace sim {
 namespace {
 
-constexpr const char* kStatusQuery = "vel_fixture_status\n";
-
-// Status bits, each 0 while its condition holds.
-constexpr int kPlateDown = 0x04, kPlateUp = 0x08, kTrayIn = 0x10, kTrayOut = 0x20;
+using brakwell::station::kPlateDown;
+using brakwell::station::kPlateUp;
+using brakwell::station::kStatusQuery;
+using brakwell::station::kTrayClosed;
+using brakwell::station::kTrayOpen;
 
 // "vel_x_on" and the like: the line x and its new value.
 bool switch_line(const std::string& cmd, std::string* name, std::string* value) {
@@ -28,13 +29,6 @@ bool switch_line(const std::string& cmd, std::string* name, std::string* value) 
     }
   }
   return false;
-}
-
-// The board's answer: the six bits, most significant first, a blank, the marker.
-std::string reply_for(int word) {
-  std::string bits;
-  for (int bit = 5; bit >= 0; --bit) bits += (word >> bit) & 1 ? '1' : '0';
-  return "vel_fixture_status=" + bits + " l_sw\n";
 }
 
 }  // namespace
@@ -123,14 +117,14 @@ bool Well::held_locked(int button, double t) const {
 }
 
 int Well::status_locked(double t) const {
-  int word = 0x3F;
+  int word = brakwell::station::kStatusBits;
   if (held_locked(ButtonA, t)) word &= ~ButtonA;
   if (held_locked(ButtonB, t)) word &= ~ButtonB;
   const double plate = plate_.at(t), tray = tray_.at(t);
   if (plate >= 1) word &= ~kPlateDown;
   if (plate <= 0) word &= ~kPlateUp;
-  if (tray >= 1) word &= ~kTrayIn;
-  if (tray <= 0) word &= ~kTrayOut;
+  if (tray >= 1) word &= ~kTrayClosed;
+  if (tray <= 0) word &= ~kTrayOpen;
   return word;
 }
 
@@ -161,7 +155,7 @@ std::optional<std::string> Well::on_line(int site, const ReceivedLine& line) {
   if (text == kStatusQuery) {
     trace_changes_locked(t);
     if (options_.garbled) return "vel_fixture_stat=1?1\n";
-    return reply_for(status_locked(t));
+    return brakwell::station::status_reply(status_locked(t));
   }
   if (text == "vel_pne_down\n")
     plate_.move_to(1, t);
@@ -207,7 +201,7 @@ int Well::status() const {
   return status_locked(now());
 }
 
-std::string Well::status_reply() const { return reply_for(status()); }
+std::string Well::status_reply() const { return brakwell::station::status_reply(status()); }
 
 bool Well::run_led() const {
   std::lock_guard lock(mutex_);

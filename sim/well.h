@@ -20,11 +20,16 @@
 #include <vector>
 
 #include "boards.h"
+#include "common/station.h"
 #include "testbed.h"
 
 namespace sim {
 
-enum Button { ButtonA = 1, ButtonB = 2, BothButtons = 3 };
+enum Button {
+  ButtonA = brakwell::station::kButtonA,
+  ButtonB = brakwell::station::kButtonB,
+  BothButtons = brakwell::station::kButtons
+};
 
 struct ButtonEvent {
   double at;    // seconds after start()

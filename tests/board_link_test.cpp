@@ -2,6 +2,7 @@
 // the bytes on the wire, the status query and the well-wide actions.
 #include "station/board_link.h"
 
+#include <Brakwell.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <termios.h>
@@ -10,8 +11,8 @@
 #include <cstring>
 #include <thread>
 
-#include "Brakwell.h"
 #include "boards.h"
+#include "common/station.h"
 #include "platform/sleep.h"
 #include "support/log_capture.h"
 #include "topology.h"
@@ -171,6 +172,15 @@ TEST_F(BoardLink, ShortWriteAndUnpluggedBoardFail) {
   for (int i = 0; i < 4096 && !failed; ++i) failed = !DIORS232Write(0, big.c_str(), 1024);
   EXPECT_TRUE(failed);
   EXPECT_TRUE(log.has("k != nlen"));
+  // The port stays open; once the board drains it, commands go through again.
+  const int fd = DIO_fileDescriptor[0];
+  boards.site(1).resume_reading();
+  for (int i = 0; i < 200 && failed; ++i) {
+    brakwell::platform::sleep_seconds(0.01);
+    failed = !DIORS232Write(0, "vel_ntc_on\n", 11);
+  }
+  EXPECT_FALSE(failed);
+  EXPECT_EQ(DIO_fileDescriptor[0], fd);
 
   boards.site(2).unplug();
   log.clear();
@@ -246,6 +256,14 @@ TEST_F(BoardLink, StatusQueryWithoutAnswer) {
   boards.site(1).script_status({std::string(30000, '1')});  // oversized, never terminated
   EXPECT_EQ(queryFixtureStatusForWell1(0), -1);
   EXPECT_EQ(strnlen(DIORS232Buff[0], 25000), 24999u);
+  // A status among the first 24,999 bytes counts, one past them does not, and nothing spills
+  // into the next UUT's area.
+  std::strcpy(DIORS232Buff[1], "neighbour");
+  boards.site(1).script_status({brakwell::station::status_reply(40) + std::string(30000, 'x')});
+  EXPECT_EQ(queryFixtureStatusForWell1(0), 40);
+  boards.site(1).script_status({std::string(30000, 'x') + brakwell::station::status_reply(40)});
+  EXPECT_EQ(queryFixtureStatusForWell1(0), -1);
+  EXPECT_STREQ(DIORS232Buff[1], "neighbour");
   boards.site(1).set_responder(nullptr);
   EXPECT_EQ(queryFixtureStatusForWell1(0), -1);  // silence
   const double start = monotonic_seconds();

@@ -1,6 +1,7 @@
 // The USB DIO module driver against virtual modules: opening and closing, the pipes and the
 // vendor request, a broken link, the register frames, the sensor debounce and the board id.
 // Bad module numbers are faults_bad_input_test's.
+#include <Brakwell.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -10,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "Brakwell.h"
 #include "dio.h"
 #include "platform/alert.h"
 #include "platform/sleep.h"

@@ -1,12 +1,12 @@
 // The shared library loaded and unloaded again and again with its USB event thread armed and a
 // device arriving and leaving each time: every unload must take the thread with it and leave
 // nothing behind (LeakSanitizer checks the heap at exit in the sanitizer build).
+#include <Brakwell.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
-#include "Brakwell.h"
 #include "platform/sleep.h"
 #include "usb.h"
 

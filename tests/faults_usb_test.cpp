@@ -2,6 +2,7 @@
 // module that leaves the bus in the middle of the debounce. No record may be lost or freed
 // twice, and what the library reports afterwards must match what is on the bus. (A module that
 // leaves in a single transfer, and a storm without a stop, are the area suites' cases.)
+#include <Brakwell.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,7 +12,6 @@
 #include <thread>
 #include <vector>
 
-#include "Brakwell.h"
 #include "boards.h"
 #include "dio.h"
 #include "platform/alert.h"

@@ -1,5 +1,6 @@
 // The controller handle, its identity and geometry, the no-operation signal calls and what every
 // call answers for a null handle.
+#include <Brakwell.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -8,9 +9,8 @@
 #include <functional>
 #include <string>
 
-#include "Brakwell.h"
 #include "fixture.h"
-#include "fixture/Brakwell.h"
+#include "fixture/controller.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -154,30 +154,16 @@ TEST_F(Controller, UsbLocationTable) {
 
 // The sixteen calls that only log: they log the 1-based UUT, touch nothing and succeed.
 using NoOp = std::function<int(FixtureController*, int site)>;
-#define SETTER(f)                                                    \
-  {                                                                  \
-    [](FixtureController* h, int site) { return f(h, 1, site); }, #f \
-  }
-#define GETTER(f)                                                      \
-  {                                                                    \
-    [](FixtureController* h, int site) { return int(f(h, site)); }, #f \
-  }
-const std::pair<NoOp, const char*> kNoOps[] = {SETTER(set_conn_acc_apple_id),
-                                               SETTER(set_usb_signal),
-                                               SETTER(set_uart_signal),
-                                               SETTER(set_apple_id),
-                                               SETTER(set_conn_det_grounded),
-                                               SETTER(set_hi5_bs_grounded),
-                                               GETTER(usb_power),
-                                               GETTER(battery_power),
-                                               GETTER(force_dfu),
-                                               GETTER(usb_signal),
-                                               GETTER(uart_signal),
-                                               GETTER(apple_id),
-                                               GETTER(conn_det_grounded),
-                                               GETTER(hi5_bs_grounded),
-                                               GETTER(dut_power),
-                                               GETTER(is_board_detected)};
+// clang-format off
+#define SETTER(f) {[](FixtureController* h, int site) { return f(h, 1, site); }, #f}
+#define GETTER(f) {[](FixtureController* h, int site) { return int(f(h, site)); }, #f}
+const std::pair<NoOp, const char*> kNoOps[] = {
+    SETTER(set_conn_acc_apple_id), SETTER(set_usb_signal), SETTER(set_uart_signal),
+    SETTER(set_apple_id), SETTER(set_conn_det_grounded), SETTER(set_hi5_bs_grounded),
+    GETTER(usb_power), GETTER(battery_power), GETTER(force_dfu), GETTER(usb_signal),
+    GETTER(uart_signal), GETTER(apple_id), GETTER(conn_det_grounded), GETTER(hi5_bs_grounded),
+    GETTER(dut_power), GETTER(is_board_detected)};
+// clang-format on
 
 TEST_F(Controller, SignalCallsLogAndSucceed) {
   FixtureController first{0, 8, 2, 4}, second{1, 8, 2, 4};

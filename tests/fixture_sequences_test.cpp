@@ -2,24 +2,18 @@
 // press moves, init. Checked: the lines each board receives, their order and UUT, the pause
 // after every write (timed from the station's outcome log lines, which the calling thread writes
 // right after each write), totals, and where a failure stops a sequence.
-#include <gtest/gtest.h>
-
-#include <mutex>
 #include <regex>
 #include <sstream>
 #include <thread>
 
-#include "Brakwell.h"
-#include "boards.h"
-#include "fixture/Brakwell.h"
-#include "platform/log.h"
-#include "platform/sleep.h"
+#include "support/station_fixture.h"
 
 namespace {
 
 using brakwell::platform::monotonic_seconds;
+using testing_support::Lines;
 
-constexpr double S = 0.01;
+constexpr double S = brakwell::station::kLinePause;
 constexpr double kSlack = 0.4;  // late wake-ups on a loaded machine; never early ones
 
 struct Write {
@@ -56,74 +50,22 @@ Writes operator+(Writes a, const Writes& b) {
   return a;
 }
 
-// Every log line with the time it was written, on the calling thread.
-class TimedLog {
- public:
-  TimedLog() { brakwell::platform::set_line_sink(&sink, this); }
-  ~TimedLog() { brakwell::platform::set_line_sink(nullptr, nullptr); }
-  void clear() {
-    std::lock_guard lock(mutex_);
-    lines_.clear();
-  }
-  std::vector<std::string> lines(const std::string& prefix = "") const {
-    std::vector<std::string> out;
-    for (const auto& [time, text] : timed(prefix)) out.push_back(text);
-    return out;
-  }
-  std::vector<std::pair<double, std::string>> timed(const std::string& prefix) const {
-    std::lock_guard lock(mutex_);
-    std::vector<std::pair<double, std::string>> out;
-    for (const auto& line : lines_) {
-      if (line.second.rfind(prefix, 0) == 0) out.push_back(line);
+// The station's outcome lines, one per command written, with the time each was logged (the
+// calling thread logs right after each write).
+Writes writes(const testing_support::LogCapture& log) {
+  static const std::regex outcome(
+      R"(VELMORA: SOC_\w+, UUT:(-?\d+), (Successfully wr(?:ite|ote)|Failed to write) ([\s\S]*))");
+  Writes out;
+  std::smatch m;
+  for (const auto& [time, text] : log.timed()) {
+    if (std::regex_match(text, m, outcome)) {
+      out.push_back({std::stoi(m[1]), m[3], 0, m[2] != "Failed to write", time});
     }
-    return out;
   }
-  // The station's outcome lines, one per command written.
-  Writes writes() const {
-    static const std::regex outcome(
-        R"(VELMORA: SOC_\w+, UUT:(-?\d+), (Successfully wr(?:ite|ote)|Failed to write) ([\s\S]*))");
-    Writes out;
-    std::smatch m;
-    for (const auto& [time, text] : timed("")) {
-      if (std::regex_match(text, m, outcome)) {
-        out.push_back({std::stoi(m[1]), m[3], 0, m[2] != "Failed to write", time});
-      }
-    }
-    return out;
-  }
+  return out;
+}
 
- private:
-  static void sink(bool toSyslog, const char* text, void* self) {
-    auto* log = static_cast<TimedLog*>(self);
-    std::lock_guard lock(log->mutex_);
-    if (toSyslog) log->lines_.emplace_back(monotonic_seconds(), text);
-  }
-  mutable std::mutex mutex_;
-  std::vector<std::pair<double, std::string>> lines_;
-};
-
-class Sequences : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    bed = new sim::Testbed;
-    boards = new sim::Boards(*bed);
-    boards->add_sites(1, 8);
-    wells[0] = create_fixture_controller(0);
-    // The second well's handle differs only in its index; one station start serves both.
-    wells[1] = static_cast<FixtureController*>(std::malloc(sizeof(FixtureController)));
-    *wells[1] = *wells[0];
-    wells[1]->index = 1;
-  }
-  static void TearDownTestSuite() {
-    release_fixture_controller(wells[0]);
-    release_fixture_controller(wells[1]);
-    delete boards;
-    delete bed;
-  }
-  void SetUp() override {
-    for (sim::Board* board : boards->all()) board->clear();
-    log.clear();
-  }
+struct Sequences : testing_support::StationFixture {
   void TearDown() override {
     for (uint16_t word :
          {action_usb_signal, action_usb_power, action_uart_signal, action_battery_power,
@@ -132,10 +74,14 @@ class Sequences : public ::testing::Test {
       EXPECT_EQ(word, 0);
     }
   }
-
+  Lines lines(const std::string& prefix = "") const {
+    Lines out;
+    for (const auto& [time, text] : log.timed(prefix)) out.push_back(text);
+    return out;
+  }
   // The outcome lines show these writes in order, with at least the given pause after each.
-  static void expect_writes(const Writes& expected) {
-    const Writes seen = log.writes();
+  void expect_writes(const Writes& expected) const {
+    const Writes seen = writes(log);
     EXPECT_EQ(seen, expected);
     for (size_t i = 0; i + 1 < std::min(seen.size(), expected.size()); ++i) {
       EXPECT_GE(seen[i + 1].time - seen[i].time, expected[i].pause) << "after write " << i;
@@ -144,21 +90,16 @@ class Sequences : public ::testing::Test {
   // Each board received exactly the lines of its UUT that went through.
   static void expect_boards(const Writes& expected) {
     for (int site = 1; site <= 8; ++site) {
-      std::vector<std::string> want, got;
+      Lines want, got;
       for (const auto& w : expected) {
         if (w.uut == site && w.ok) want.push_back(w.command);
       }
-      sim::Board& board = boards->site(site);
-      if (!board.unplugged()) board.wait_lines(want.size(), 1.0);
-      for (const auto& line : board.lines()) got.push_back(line.text);
+      sim::Board& b = board(site);
+      if (!b.unplugged()) b.wait_lines(want.size(), 1.0);
+      for (const auto& line : b.lines()) got.push_back(line.text);
       EXPECT_EQ(got, want) << "site " << site;
     }
   }
-
-  static inline sim::Testbed* bed;
-  static inline sim::Boards* boards;
-  static inline FixtureController* wells[2];
-  static inline TimedLog log;
 };
 
 // Expected traffic, written out from the sequences as the boards must see them.
@@ -259,8 +200,8 @@ TEST_F(Sequences, PowerAndBootModeSequences) {
     const double took = monotonic_seconds() - start;
     EXPECT_GE(took, row.pauses);
     EXPECT_LT(took, row.pauses + kSlack);
-    ASSERT_FALSE(log.lines().empty());
-    EXPECT_EQ(log.lines().front(), std::string("VELMORA: ") + row.logLine);
+    ASSERT_FALSE(lines().empty());
+    EXPECT_EQ(lines().front(), std::string("VELMORA: ") + row.logLine);
     expect_writes(row.writes);
     expect_boards(row.writes);
   }
@@ -270,7 +211,7 @@ TEST_F(Sequences, PowerAndBootModeSequences) {
                     set_force_iboot, set_dut_power, set_led_state}) {
     EXPECT_EQ(call(wells[0], 0, 0), -1);
   }
-  EXPECT_TRUE(log.lines().empty());
+  EXPECT_TRUE(lines().empty());
   expect_boards({});
 }
 
@@ -301,7 +242,7 @@ TEST_F(Sequences, LedStates) {
     EXPECT_EQ(set_led_state(wells[row.well], row.state, row.site), 0);
     std::vector<std::string> want = {line};
     if (row.name) want.push_back(line + ", " + row.name);
-    EXPECT_EQ(log.lines("VELMORA: set_led_state"), want);
+    EXPECT_EQ(lines("VELMORA: set_led_state"), want);
     expect_boards(row.lines);
   }
 }
@@ -335,7 +276,7 @@ TEST_F(Sequences, WellWideLeds) {
     if (row.perUut) {
       EXPECT_GE(monotonic_seconds() - start, 4 * S);
     }
-    EXPECT_EQ(log.lines("VELMORA: set_led_state"), row.logLines);
+    EXPECT_EQ(lines("VELMORA: set_led_state"), row.logLines);
     expect_writes(row.perUut ? row.lines : Writes{});
     expect_boards(row.lines);
   }
@@ -356,7 +297,7 @@ TEST_F(Sequences, PressMovesAndOpen) {
     SCOPED_TRACE(m.logLine);
     SetUp();
     EXPECT_EQ(m.call(wells[m.well]), 0);
-    EXPECT_EQ(log.lines().front(), m.logLine);
+    EXPECT_EQ(lines().front(), m.logLine);
     Writes everyPort;
     for (int uut = 1; uut <= 4; ++uut) everyPort = everyPort + seq(uut + 4 * m.well, m.line);
     expect_boards(everyPort);
@@ -365,10 +306,10 @@ TEST_F(Sequences, PressMovesAndOpen) {
   // fixture_open: the well's UUTs reset, 1.0 s, then the tray out on each of its ports.
   SetUp();
   EXPECT_EQ(fixture_open(wells[1]), 0);
-  const auto lines = log.lines();
-  ASSERT_GE(lines.size(), 2u);
-  EXPECT_EQ(lines[0], "VELMORA: fixture_open, WELL:2");
-  EXPECT_EQ(lines[1], "VELMORA: resetting controller INDEX:1");
+  const auto logged = lines();
+  ASSERT_GE(logged.size(), 2u);
+  EXPECT_EQ(logged[0], "VELMORA: fixture_open, WELL:2");
+  EXPECT_EQ(logged[1], "VELMORA: resetting controller INDEX:1");
   expect_writes(seq(5, "dfu_reset S") + seq(6, "dfu_reset S") + seq(7, "dfu_reset S") +
                 seq(8, "dfu_reset 0"));
   Writes resetThenOut;
@@ -378,12 +319,10 @@ TEST_F(Sequences, PressMovesAndOpen) {
   // The board link waits 0.01 s before each tray line.
   const auto trayOut = log.timed("VELMORA: Successfully sent vel_pne_out");
   ASSERT_EQ(trayOut.size(), 4u);
-  EXPECT_GE(trayOut[0].first - log.writes().back().time, 1.0 + S);
+  EXPECT_GE(trayOut[0].first - writes(log).back().time, 1.0 + S);
 }
 
 TEST_F(Sequences, PressStateFromTheStatusReply) {
-  // 101011: buttons released, plate down (engaged), fixture closed.
-  boards->site(5).script_status({"vel_fixture_status=101011 l_sw\n"});
   struct {
     bool (*query)(FixtureController*);
     const char* logLine;
@@ -396,18 +335,18 @@ TEST_F(Sequences, PressStateFromTheStatusReply) {
   };
   for (const auto& q : queries) {
     SetUp();
+    // Buttons released, plate down (engaged), fixture closed.
+    board(5).script_status({testing_support::status_reply(43)});
     EXPECT_EQ(q.query(wells[1]), q.expected) << q.logLine;
-    EXPECT_EQ(log.lines().front(), q.logLine);
+    EXPECT_EQ(lines().front(), q.logLine);
   }
-  boards->site(5).set_responder(nullptr);
 }
 
 // The failure cases unplug boards for good, so they run last.
 TEST_F(Sequences, UnplugInTheMiddleStopsAtTheFirstFailure) {
-  sim::Board& board = boards->site(8);
   std::thread unplug([&] {
-    board.wait_lines(3, 5.0);  // battery off: the 1.0 s pause has begun
-    board.unplug();
+    board(8).wait_lines(3, 5.0);  // battery off: the 1.0 s pause has begun
+    board(8).unplug();
   });
   const double start = monotonic_seconds();
   EXPECT_EQ(set_force_dfu(wells[1], 0, 4), -1);
@@ -418,17 +357,17 @@ TEST_F(Sequences, UnplugInTheMiddleStopsAtTheFirstFailure) {
   const Writes expected = seq(8, "vusb_off S, batt_supercap_disconn S, vbatt_off L, !uart_on 0");
   expect_writes(expected);
   expect_boards(expected);
-  EXPECT_EQ(log.lines().back(), "VELMORA: SOC_UART, UUT:8, Failed to write vel_uart_on\n");
+  EXPECT_EQ(lines().back(), "VELMORA: SOC_UART, UUT:8, Failed to write vel_uart_on\n");
 }
 
 TEST_F(Sequences, InitStopsAtTheSecondUutsLed) {
-  boards->site(2).unplug();
+  board(2).unplug();
   const double start = monotonic_seconds();
   EXPECT_EQ(init(wells[0]), -1);
   EXPECT_GE(monotonic_seconds() - start, 5.0);
-  const auto lines = log.lines();
-  EXPECT_EQ(lines.front(), "VELMORA: initialising controller INDEX:0");
-  EXPECT_EQ(lines.back(), "VELMORA: SOC_PassLed, UUT:2, Failed to write vel_pass_led_off\n");
+  const auto logged = lines();
+  EXPECT_EQ(logged.front(), "VELMORA: initialising controller INDEX:0");
+  EXPECT_EQ(logged.back(), "VELMORA: SOC_PassLed, UUT:2, Failed to write vel_pass_led_off\n");
   // The first UUT's LEDs go off, the second's pass LED fails, the later UUTs' stay untouched.
   const char* press = "dfu_reset 0, pne_up 0, pne_out 0";
   expect_boards(seq(1, press) + seq(1, "pass_led_off 0, fail_led_off 0") + seq(3, press) +
@@ -440,6 +379,26 @@ TEST_F(Sequences, InitStopsAtTheSecondUutsLed) {
   ASSERT_FALSE(reset.empty() || up.empty() || out.empty());
   EXPECT_GE(up.front().first - reset.back().first, 3.0 + S);
   EXPECT_GE(out.front().first - up.back().first, 2.0 + S);
+
+  // With site 2 gone, a sequence on it stops at its first step and well-wide calls go on.
+  SetUp();
+  EXPECT_EQ(set_force_dfu(wells[0], 0, 2), -1);
+  EXPECT_EQ(set_led_state_all(wells[0], 1), -1);  // the first failure ends it
+  EXPECT_TRUE(SOC_Reset(0));
+  EXPECT_EQ(fixture_engage(wells[0]), 0);  // press moves never report a failed site
+  EXPECT_FALSE(SOC_Hi5EnterDiag(1));       // both writes tried, both fail
+  for (const char* line :
+       {"VELMORA: SOC_USBPower, UUT:2, Failed to write vel_vusb_off\n",
+        "VELMORA: SOC_Reset, UUT:2, Failed to write vel_dfu_reset\n",
+        "VELMORA: fixtureDown, Failed to send vel_pne_down\n for WELL:1, UUT:2",
+        "VELMORA: SOC_Hi5EnterDiag, UUT:2, Failed to write vel_hi5_enable\n",
+        "VELMORA: SOC_Hi5EnterDiag, UUT:2, Failed to write vel_hi5_enter_diag\n"})
+    EXPECT_TRUE(log.has(line)) << line;
+  EXPECT_FALSE(log.has("VELMORA: SOC_Batt_Supercap UUT:2 OnOff:0"));
+  expect_wire({{1, "vel_pass_led_on\nvel_dfu_reset\nvel_pne_down\n"},
+               {3, "vel_dfu_reset\nvel_pne_down\n"},
+               {4, "vel_dfu_reset\nvel_pne_down\n"}});
+  expect_working({1, 3, 4, 5});
 }
 
 }  // namespace

@@ -1,67 +1,42 @@
 // The pneumatic press, the operator buttons and sensors, and the Run key chord: the press cycle
 // against scripted statuses and against the well model with an operator, its time limits, the
 // truth rules of every status test, and the events on the virtual keyboard.
-#include <gtest/gtest.h>
 #include <linux/input-event-codes.h>
 
 #include <cmath>
-#include <cstring>
 #include <future>
 
-#include "Brakwell.h"
-#include "boards.h"
 #include "keyboard.h"
-#include "platform/sleep.h"
-#include "support/log_capture.h"
-#include "topology.h"
+#include "support/station_fixture.h"
 #include "well.h"
 
 namespace {
 
 using brakwell::platform::monotonic_seconds;
+using testing_support::Lines;
+using testing_support::Transcript;
 // Arrival times of lines at a board include the reader thread's wake-up delay.
 constexpr double kReaderJitter = 0.05;
-using Lines = std::vector<std::string>;
+constexpr const char* kQuery = brakwell::station::kStatusQuery;
 
-constexpr const char* kQuery = "vel_fixture_status\n";
-
-std::string reply(int status) {
-  if (status < 0) return "garbled\n";  // no "=" and no marker: no answer
-  std::string bits;
-  for (int bit = 5; bit >= 0; --bit) bits += (status >> bit) & 1 ? '1' : '0';
-  return "vel_fixture_status=" + bits + " l_sw\n";
-}
 std::vector<std::string> replies(std::initializer_list<int> statuses) {
   std::vector<std::string> out;
-  for (int s : statuses) out.push_back(reply(s));
+  // -1: no "=" and no marker, so no answer.
+  for (int s : statuses) out.push_back(s < 0 ? "garbled\n" : brakwell::station::status_reply(s));
   return out;
 }
 
-class Press : public ::testing::Test {
- protected:
-  // The boards of sites 1 and 5 carry the two wells' press commands and queries. The testbed
-  // and the keyboard live as long as the program: the library keeps its keyboard open.
+// The keyboard lives as long as the program: the library keeps its keyboard open.
+struct Press : testing_support::StationFixture {
   static void SetUpTestSuite() {
-    if (bed) return;
-    bed = new sim::Testbed;
-    keyboard = new sim::Keyboard(*bed);
-    boards = new sim::Boards(*bed);
-    for (int site : {1, 5}) {
-      boards->add_site(site);
-      std::strcpy(DIO_UUTSerialDevice[site - 1], sim::board_link(site).c_str());
-      ASSERT_TRUE(openDIO_UARTForWell1(site - 1));
-    }
+    StationFixture::SetUpTestSuite();
+    if (!keyboard) keyboard = new sim::Keyboard(*bed);
   }
   void SetUp() override {
-    g_WellNumber = 2;
-    for (int site : {1, 5}) {
-      boards->site(site).set_responder(nullptr);
-      boards->site(site).clear();
-    }
+    StationFixture::SetUp();
     keyboard->clear();
-    log.clear();
   }
-  static sim::Board& site(int n) { return boards->site(n); }
+  static sim::Board& site(int n) { return board(n); }
   // The lines a site received, waiting a moment for the last ones.
   static Lines wire(int n, size_t atLeast = 0) {
     site(n).wait_lines(atLeast, 2.0);
@@ -73,11 +48,7 @@ class Press : public ::testing::Test {
     const Lines all = wire(n);
     return static_cast<size_t>(std::count(all.begin(), all.end(), kQuery));
   }
-
-  static inline sim::Testbed* bed;
   static inline sim::Keyboard* keyboard;
-  static inline sim::Boards* boards;
-  testing_support::LogCapture log;
 };
 
 // The log of one poll that read `status` on well 1 (port 0), up to the state's waiting line.
@@ -147,8 +118,6 @@ TEST_F(Press, TimeLimits) {
     EXPECT_GE(took, c.least);
     EXPECT_LT(took, c.most);
     EXPECT_EQ(queries(1), c.polls);
-    if (c.polls == 3)
-      std::printf("[ measure ] one press-cycle poll: %.3f s (pauses 0.4 s)\n", took / 3);
     if (c.closedPort) {
       const size_t polls = log.count("VELMORA: SOC_PneumaticValveOn WELL:1, rd is 0xffffffff");
       EXPECT_GE(polls, 5u);
@@ -194,44 +163,45 @@ TEST_F(Press, OperatorLetsGoWhileLoweringThenCompletesTheCycle) {
   EXPECT_EQ(well.status(), 43);
 }
 
-TEST_F(Press, AutoOnClosesAndLowersWhateverTheStatus) {
-  for (int well : {0, 2}) {
-    SetUp();
-    const int n = well == 0 ? 1 : 5;
-    site(n).script_status(replies({23}));
-    const double start = monotonic_seconds();
-    EXPECT_TRUE(SOC_PneumaticValveAutoOn(well, NAN));
-    EXPECT_GE(monotonic_seconds() - start, 0.1 + 0.3 + 0.2 + 0.05);
-    EXPECT_EQ(wire(n, 3), (Lines{kQuery, "vel_pne_in\n", "vel_pne_down\n"}));
-    const auto lines = site(n).lines();
-    EXPECT_GE(lines[2].time - lines[1].time, 0.2 - kReaderJitter);
-    EXPECT_TRUE(log.has("VELMORA: SOC_PneumaticValveAutoOn WELL:" + std::to_string(well + 1)));
-    EXPECT_TRUE(log.has("VELMORA: SOC_PneumaticValveAutoOn: WELL " + std::to_string(well + 1) +
-                        ", rdData = 23"));
-    // Any well but 0 is read on the second well's port.
-    EXPECT_TRUE(log.has("VELMORA: queryFixtureStatusForWell" + std::to_string(well ? 2 : 1) +
-                        " UUT:" + std::to_string(n) + ", result:23"));
-  }
-}
+struct PressRows : Press, ::testing::WithParamInterface<Transcript> {};
+TEST_P(PressRows, Transcript) { run(GetParam()); }
 
-TEST_F(Press, ValveOffTakesOnlyOneAsTheSecondWell) {
-  EXPECT_TRUE(SOC_PneumaticValveOff(2));
-  EXPECT_TRUE(SOC_PneumaticValveOff(1));
-  EXPECT_EQ(wire(1, 2), (Lines{"vel_pne_up\n", "vel_pne_out\n"}));
-  EXPECT_EQ(wire(5, 2), (Lines{"vel_pne_up\n", "vel_pne_out\n"}));
-  EXPECT_EQ(log.syslog(),
-            (Lines{"VELMORA: SOC_PneumaticValveOff WELL:3",
-                   "VELMORA: SOC_PneumaticValveOff, WELL:3, Successfully write vel_pne_up\n",
-                   "VELMORA: SOC_PneumaticValveOff, WELL:3, Successfully write vel_pne_out\n",
-                   "VELMORA: SOC_PneumaticValveOff WELL:2",
-                   "VELMORA: SOC_PneumaticValveOff, WELL:2, Successfully write vel_pne_up\n",
-                   "VELMORA: SOC_PneumaticValveOff, WELL:2, Successfully write vel_pne_out\n"}));
-  log.clear();
-  const int fd = DIO_fileDescriptor[0];
-  DIO_fileDescriptor[0] = -1;
-  EXPECT_FALSE(SOC_PneumaticValveOff(0));
-  DIO_fileDescriptor[0] = fd;
-  EXPECT_TRUE(log.has("VELMORA: SOC_PneumaticValveOff, WELL:1, Failed to write vel_pne_out\n"));
+Lines valve_off_log(int well, const char* up, const char* out) {
+  const std::string w = "WELL:" + std::to_string(well + 1);
+  return {"VELMORA: SOC_PneumaticValveOff " + w,
+          "VELMORA: SOC_PneumaticValveOff, " + w + ", " + up + " vel_pne_up\n",
+          "VELMORA: SOC_PneumaticValveOff, " + w + ", " + out + " vel_pne_out\n"};
+}
+const char* kOk = "Successfully write";
+const char* kFailed = "Failed to write";
+
+// The press without buttons reads and logs the status, closes, 0.2 s, lowers, 0.05 s; release
+// raises, 0.01 s, opens, and its result is the second write's. Which port each uses is the
+// well-rule table's (station_bad_input_test).
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Rows, PressRows, ::testing::Values(
+  Transcript{"AutoOn", [] {
+      Press::site(1).script_status(replies({23}));
+      return int(SOC_PneumaticValveAutoOn(0, NAN)); }, 1,
+    {{1, kQuery, 0.1 + 0.3}, {1, "vel_pne_in\n"}, {1, "vel_pne_down\n", 0.2 + 0.05}},
+    Lines{"VELMORA: SOC_PneumaticValveAutoOn WELL:1",
+          "VELMORA: queryFixtureStatusForWell1, query fixture 1 with vel_fixture_status\n",
+          "VELMORA: queryFixtureStatusForWell1 UUT:1, result:23",
+          "VELMORA: SOC_PneumaticValveAutoOn: WELL 1, rdData = 23"}},
+  Transcript{"ValveOff", [] { return int(SOC_PneumaticValveOff(2)); }, 1,
+    {{1, "vel_pne_up\n"}, {1, "vel_pne_out\n", 0.01}}, valve_off_log(2, kOk, kOk)},
+  Transcript{"ValveOff_closed", [] {
+      return testing_support::closed({0}, [] { return int(SOC_PneumaticValveOff(0)); }); }, 0,
+    {}, valve_off_log(0, kFailed, kFailed), 0.01}),
+  testing_support::row_name);
+// clang-format on
+
+TEST_F(Press, AutoOnPausesBetweenClosingAndLowering) {
+  site(1).script_status(replies({23}));
+  EXPECT_TRUE(SOC_PneumaticValveAutoOn(0, 0));
+  ASSERT_EQ(wire(1, 3).size(), 3u);
+  const auto lines = site(1).lines();
+  EXPECT_GE(lines[2].time - lines[1].time, 0.2 - kReaderJitter);
 }
 
 TEST_F(Press, StatusTestTruthTables) {
@@ -257,7 +227,8 @@ TEST_F(Press, StatusTestTruthTables) {
   // WELL 0 on port 0, WELL 2 (any value but 0) on port 4.
   for (const Case& c : cases) {
     std::vector<std::string> scripts[2];
-    for (size_t i = 0; i < c.truth.size(); ++i) scripts[i % 2].push_back(reply(c.truth[i].first));
+    for (size_t i = 0; i < c.truth.size(); ++i)
+      scripts[i % 2].push_back(replies({c.truth[i].first})[0]);
     site(1).script_status(scripts[0]);
     site(5).script_status(scripts[1]);
     auto work = [&](int well, size_t first) {
@@ -325,6 +296,20 @@ TEST_F(Press, RunPostsItsWellsChordOncePerCall) {
   auto keys = keyboard->enabled_keys();
   std::sort(keys.begin(), keys.end());
   EXPECT_EQ(keys, (std::vector<int>{KEY_Y, KEY_LEFTCTRL, KEY_Z, KEY_LEFTALT}));
+}
+
+// Both buttons held with the tray out: the cycle closes the tray, and the board is gone; the
+// cycle polls on without an answer until its time is up. The board stays gone: this runs last.
+TEST_F(Press, ZBoardUnpluggedInTheMiddleOfACycle) {
+  site(5).set_responder([](const sim::ReceivedLine& line) -> std::optional<std::string> {
+    if (line.text == "vel_pne_in\n") site(5).unplug();
+    if (line.text == kQuery) return brakwell::station::status_reply(20);
+    return std::nullopt;
+  });
+  EXPECT_FALSE(testing_support::takes(1.0, 2.0, [] { return SOC_PneumaticValveOn(1, 1.0f); }));
+  expect_wire({{5, "vel_fixture_status\nvel_pne_in\n"}});
+  EXPECT_TRUE(log.has("VELMORA: SOC_PneumaticValveOn WELL:2, rd is 0xffffffff"));
+  expect_working({6, 7, 1});
 }
 
 }  // namespace

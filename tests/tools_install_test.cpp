@@ -1,5 +1,5 @@
-// The installed tree: a small C host builds against it through pkg-config and through
-// find_package(Brakwell), and runs inside the installed fixturesim.
+// The installed tree: a small C host (strict C99, the header alone) builds against it through
+// pkg-config and through find_package(Brakwell), and runs inside the installed fixturesim.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -78,8 +78,8 @@ TEST(Install, HostBuildsAgainstTheInstalledTreeAndRunsInTheFixture) {
   EXPECT_TRUE(flags.out.find("-I" + moved) != std::string::npos) << flags.out;
   const auto cc =
       run({"sh", "-c",
-           "cc -std=c99 -Wall -Werror host.c " + flags.out.substr(0, flags.out.find('\n')) +
-               " -Wl,-rpath," + libdir + " -o host-pc"},
+           "cc -std=c99 -pedantic -Wall -Werror host.c " +
+               flags.out.substr(0, flags.out.find('\n')) + " -Wl,-rpath," + libdir + " -o host-pc"},
           {}, 120, dir.path());
   ASSERT_EQ(cc.status, 0) << cc.err;
   fs::rename(moved, prefix);

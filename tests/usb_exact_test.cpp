@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "Brakwell.h"
+#include <Brakwell.h>
 #include "dio.h"
 #include "platform/alert.h"
 #include "platform/sleep.h"

@@ -1,5 +1,6 @@
 // UART-to-UUT locations: the branch rule, the DFU lookup, the UART table, the sibling rule and
 // the operator's USB report.
+#include <Brakwell.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -9,7 +10,6 @@
 #include <fstream>
 #include <regex>
 
-#include "Brakwell.h"
 #include "platform/usb_context.h"
 #include "support/log_capture.h"
 #include "topology.h"

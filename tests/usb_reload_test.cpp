@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <memory>
 
-#include "Brakwell.h"
+#include <Brakwell.h>
 #include "dio.h"
 #include "platform/sleep.h"
 #include "usb.h"

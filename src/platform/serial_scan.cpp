@@ -2,12 +2,12 @@
 // registry iterator of serial clients, and a udev device for a registry entry.
 #include "platform/serial_scan.h"
 
+#include <Brakwell.h>
 #include <libudev.h>
 
 #include <cstring>
 #include <string_view>
 
-#include "Brakwell.h"
 #include "platform/log.h"
 
 namespace {
@@ -89,19 +89,25 @@ extern "C" char* getRegistryString(udev_device* entry, const char* key) {
 
 namespace brakwell::platform {
 
-udev_device* next_serial_port(udev_enumerate* iterator, udev_list_entry** cursor) {
-  if (!iterator || !cursor) return nullptr;
-  *cursor = *cursor ? udev_list_entry_get_next(*cursor) : udev_enumerate_get_list_entry(iterator);
-  for (; *cursor; *cursor = udev_list_entry_get_next(*cursor)) {
-    const char* sysPath = udev_list_entry_get_name(*cursor);
+bool list_serial_ports(std::vector<SerialPort>* ports) {
+  udev_enumerate* scan = nullptr;
+  if (createSerialIterator(&scan) != 0) return false;
+  udev* context = udev_enumerate_get_udev(scan);
+  udev_list_entry* entry = nullptr;
+  udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(scan)) {
+    const char* sysPath = udev_list_entry_get_name(entry);
     if (!sysPath || std::strstr(sysPath, "/devices/virtual/")) continue;
-    udev_device* port = udev_device_new_from_syspath(udev_enumerate_get_udev(iterator), sysPath);
-    if (port) return port;
+    udev_device* port = udev_device_new_from_syspath(context, sysPath);
+    if (!port) continue;
+    // getRegistryString hands out one shared area: copy each answer before the next read.
+    SerialPort record;
+    record.baseName = getRegistryString(port, "IOTTYDevice");
+    record.dialIn = getRegistryString(port, "IODialinDevice");
+    udev_device_unref(port);
+    ports->push_back(std::move(record));
   }
-  return nullptr;
+  udev_enumerate_unref(scan);
+  return true;
 }
-
-void release_serial_port(udev_device* port) { udev_device_unref(port); }
-void release_serial_iterator(udev_enumerate* iterator) { udev_enumerate_unref(iterator); }
 
 }  // namespace brakwell::platform

@@ -1,17 +1,19 @@
-// Walking the serial ports that createSerialIterator found (libudev underneath).
+// The serial scan: the ports the operating system knows, as plain records.
 #pragma once
 
-struct udev_enumerate;
-struct udev_device;
-struct udev_list_entry;
+#include <string>
+#include <vector>
 
 namespace brakwell::platform {
 
-// The next serial port of the scan that sits on real hardware (its sys path is not under
-// /devices/virtual/), in libudev's order; nullptr at the end. `cursor` starts at nullptr.
-// Release each port with release_serial_port.
-udev_device* next_serial_port(udev_enumerate* iterator, udev_list_entry** cursor);
-void release_serial_port(udev_device* port);
-void release_serial_iterator(udev_enumerate* iterator);
+struct SerialPort {
+  std::string baseName;  // "IOTTYDevice": the device's base name, e.g. "ttyACM0"
+  std::string dialIn;    // "IODialinDevice": the path a host opens
+};
+
+// Every serial port of the machine that sits on real hardware (its sys path is not under
+// /devices/virtual/), in libudev's order, read through createSerialIterator and
+// getRegistryString. False, with nothing listed, when createSerialIterator fails. Any thread.
+bool list_serial_ports(std::vector<SerialPort>* ports);
 
 }  // namespace brakwell::platform

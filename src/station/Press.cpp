@@ -1,11 +1,12 @@
 // The pneumatic press of a well: the two-hand press cycle, the press without buttons, release,
 // the button and sensor tests on the fixture status, and the Run key chord.
+#include <Brakwell.h>
+
 #include <cmath>
-#include <cstring>
 #include <initializer_list>
 
-#include "Brakwell.h"
 #include "common/numbers.h"
+#include "common/station.h"
 #include "platform/keychord.h"
 #include "platform/log.h"
 #include "platform/sleep.h"
@@ -21,28 +22,33 @@ using brakwell::link::kPressDown;
 using brakwell::link::kPressIn;
 using brakwell::link::kPressOut;
 using brakwell::link::kPressUp;
+using brakwell::station::first_uut_any_nonzero;
+using brakwell::station::kButtonA;
+using brakwell::station::kButtons;
+using brakwell::station::kLinePause;
+using brakwell::station::kPlateDown;
+using brakwell::station::kPlateUp;
+using brakwell::station::kTrayClosed;
+using brakwell::station::kTrayOpen;
+using brakwell::station::status_where;
+using brakwell::station::write_line;
 
 constexpr double kPollPause = 0.1;
 constexpr double kSendBackPause = 0.2;
 
-// Whole status values (bits active low: 0-1 buttons, 2 plate down, 3 plate up, 4 tray closed,
-// 5 tray open).
-constexpr int kBothHeldTrayOpen = 20;
-constexpr int kBothHeldTrayClosed = 36;
-constexpr int kBothHeldPlateDownTrayOpen = 24;
-constexpr int kBothHeldInPosition = 40;
-constexpr int kRunPressed = 22;
-constexpr int kAbortPressed = 42;
-constexpr int kValveOn = 43;
-constexpr int kButtons = 0x03;
-
-bool write_line(int uut, const char* command) {
-  return DIORS232Write(uut, command, static_cast<int>(std::strlen(command)));
-}
+// The whole status words the press reacts to, by what holds in them.
+constexpr int kBothHeldTrayOpen = status_where(kButtons | kPlateUp | kTrayOpen);
+constexpr int kBothHeldTrayClosed = status_where(kButtons | kPlateUp | kTrayClosed);
+constexpr int kBothHeldPlateDownTrayOpen = status_where(kButtons | kPlateDown | kTrayOpen);
+constexpr int kBothHeldInPosition = status_where(kButtons | kPlateDown | kTrayClosed);
+constexpr int kRunPressed = status_where(kButtonA | kPlateUp | kTrayOpen);
+constexpr int kAbortPressed = status_where(kButtonA | kPlateDown | kTrayClosed);
+constexpr int kValveOn = status_where(kPlateDown | kTrayClosed);
 
 // The press commands and status of a well go through the port of its first site.
 int status_of_well(int well) {
-  return well != 0 ? queryFixtureStatusForWell2(4) : queryFixtureStatusForWell1(0);
+  const int first = first_uut_any_nonzero(well);
+  return first != 0 ? queryFixtureStatusForWell2(first) : queryFixtureStatusForWell1(first);
 }
 
 // ---- The two-hand press cycle ----
@@ -132,12 +138,12 @@ bool sensor(int s) {
 constexpr StatusTest kStatusTests[] = {
   {0.2, "VELMORA: SOC_IsValveOn, rdData = %d", [](int s) { return s == kValveOn; }},
   // Deliberately broad: any reading with the plate not down counts as Abort, -1 included.
-  {0, nullptr, [](int s) { return s == kAbortPressed || (s & 0x04) != 0; }},
+  {0, nullptr, [](int s) { return s == kAbortPressed || (s & kPlateDown) != 0; }},
   {0, nullptr, [](int s) { return (s & kButtons) == 0; }},
-  {0.01, "VELMORA: SOC_FixtureEngaged, rdData = %d", sensor<0x04>},
-  {0.01, "VELMORA: SOC_FixtureDisengaged, rdData = %d", sensor<0x08>},
-  {0.01, "VELMORA: SOC_FixtureClosed, rdData = %d", sensor<0x10>},
-  {0.01, "VELMORA: SOC_FixtureOpened, rdData = %d", sensor<0x20>},
+  {kLinePause, "VELMORA: SOC_FixtureEngaged, rdData = %d", sensor<kPlateDown>},
+  {kLinePause, "VELMORA: SOC_FixtureDisengaged, rdData = %d", sensor<kPlateUp>},
+  {kLinePause, "VELMORA: SOC_FixtureClosed, rdData = %d", sensor<kTrayClosed>},
+  {kLinePause, "VELMORA: SOC_FixtureOpened, rdData = %d", sensor<kTrayOpen>},
 };
 // clang-format on
 
@@ -163,7 +169,7 @@ bool SOC_PneumaticValveOn(int well, float timeout) {
   log("VELMORA: SOC_PneumaticValveOn WELL:%d", brakwell::one_based(well));
   const char* label = g_WellNumber == 2 ? (well == 0 ? "Left Well " : "Right Well ") : "";
   const double start = monotonic_seconds();
-  const Cycle cycle{well, well != 0 ? 4 : 0, label};
+  const Cycle cycle{well, first_uut_any_nonzero(well), label};
   PressState state = PressState::WaitBothDown;
   do {
     const int status = status_of_well(well);
@@ -189,7 +195,7 @@ bool SOC_PneumaticValveAutoOn(int well, float /*timeout*/) {
   sleep_seconds(0.1);
   log("VELMORA: SOC_PneumaticValveAutoOn: WELL %d, rdData = %d", brakwell::one_based(well),
       status_of_well(well));
-  const int port = well != 0 ? 4 : 0;
+  const int port = first_uut_any_nonzero(well);
   write_line(port, kPressIn);
   sleep_seconds(0.2);
   write_line(port, kPressDown);
@@ -200,10 +206,10 @@ bool SOC_PneumaticValveAutoOn(int well, float /*timeout*/) {
 // Only exactly 1 is the second well here, unlike the press cycle and the status tests.
 bool SOC_PneumaticValveOff(int well) {
   log("VELMORA: SOC_PneumaticValveOff WELL:%d", brakwell::one_based(well));
-  const int port = well == 1 ? 4 : 0;
+  const int port = brakwell::station::first_uut_only_one(well);
   bool written = false;
   for (const char* command : {kPressUp, kPressOut}) {
-    if (command == kPressOut) sleep_seconds(0.01);
+    if (command == kPressOut) sleep_seconds(kLinePause);
     written = write_line(port, command);
     log(written ? "VELMORA: SOC_PneumaticValveOff, WELL:%d, Successfully write %@"
                 : "VELMORA: SOC_PneumaticValveOff, WELL:%d, Failed to write %@",

@@ -1,20 +1,22 @@
 // UUT signal commands: one line to one site's board per call (four sites for the well-wide
 // ones). The per-site switches are rows of one table driven by one function.
+#include <Brakwell.h>
+
 #include <cstdio>
-#include <cstring>
 #include <string>
 
-#include "Brakwell.h"
 #include "common/numbers.h"
+#include "common/station.h"
 #include "platform/log.h"
 #include "platform/sleep.h"
 
 using brakwell::platform::log;
 using brakwell::platform::sleep_seconds;
+using brakwell::station::kLinePause;
+using brakwell::station::write_line;
 
 namespace {
 
-constexpr double kLinePause = 0.01;
 constexpr char kReset[] = "vel_dfu_reset\n";
 constexpr char kHi5Enable[] = "vel_hi5_enable\n";
 
@@ -98,10 +100,6 @@ constexpr Signal kSignals[] = {
 
 constexpr const char kPrefix[] = "VELMORA: ";
 
-bool write_line(int uut, const char* command) {
-  return DIORS232Write(uut, command, static_cast<int>(std::strlen(command)));
-}
-
 // "VELMORA: SOC_x, UUT:n, Successfully write <command>" or its failure twin.
 void log_outcome(const char* name, int uut, const char* command, bool written,
                  const char* successVerb = "write") {
@@ -128,10 +126,10 @@ bool send_signal(Id id, int uut, bool on) {
 }
 
 // Reset and power-off of a whole well put the same line on every site's board.
-bool reset_well(const char* name, int well) {
+bool reset_each_site(const char* name, int well) {
   log((std::string(kPrefix) + name + " WELL:%d").c_str(), brakwell::one_based(well));
-  const int first = well == 1 ? 4 : 0;
-  for (int uut = first; uut < first + 4; ++uut) {
+  const int first = brakwell::station::first_uut_only_one(well);
+  for (int uut = first; uut < first + brakwell::station::kSitesPerWell; ++uut) {
     sleep_seconds(kLinePause);
     log_outcome(name, uut, kReset, write_line(uut, kReset), "wrote");
   }
@@ -152,8 +150,8 @@ bool hi5_enter(const char* name, int uut, const char* mode, double pause) {
 
 extern "C" {
 
-bool SOC_Reset(int well) { return reset_well("SOC_Reset", well); }
-bool SOC_PowerOff(int well) { return reset_well("SOC_PowerOff", well); }
+bool SOC_Reset(int well) { return reset_each_site("SOC_Reset", well); }
+bool SOC_PowerOff(int well) { return reset_each_site("SOC_PowerOff", well); }
 
 bool SOC_RunLed(int well, bool turnOn) {
   log("VELMORA: SOC_RunLed WELL:%d TurnOn:%d", brakwell::one_based(well), turnOn);

@@ -1,8 +1,9 @@
 // Station start and stop, the library's version text and the well and slot counts.
+#include <Brakwell.h>
+
 #include <cstring>
 #include <string>
 
-#include "Brakwell.h"
 #include "platform/log.h"
 #include "platform/sleep.h"
 

@@ -2,7 +2,7 @@
 // protocol.
 #pragma once
 
-#include "Brakwell.h"
+#include <Brakwell.h>
 
 namespace brakwell::link {
 
@@ -14,9 +14,6 @@ inline constexpr char kPressDown[] = "vel_pne_down\n";
 
 // Every per-UUT table has eight entries; an index outside them is a closed port.
 inline bool valid_uut(int uut) { return uut >= 0 && uut < BRAKWELL_UUT_COUNT; }
-
-// The first UUT index of a well for the board link's calls: only 1 selects the second well.
-inline int first_uut_of_well(int well) { return well == 1 ? 4 : 0; }
 
 // The site number a fixture board's port name carries: the two characters after its first
 // underscore, read as a decimal number (0 when they are not one, or are missing).

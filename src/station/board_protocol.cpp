@@ -1,5 +1,6 @@
 // The fixture board command protocol: the one writer of command lines, the receive areas, the
 // status query and the well-wide press and run-LED actions.
+#include <Brakwell.h>
 #include <poll.h>
 #include <termios.h>
 #include <unistd.h>
@@ -12,14 +13,19 @@
 #include <ctime>
 #include <string>
 
-#include "Brakwell.h"
 #include "common/numbers.h"
+#include "common/station.h"
 #include "platform/log.h"
 #include "platform/sleep.h"
 #include "station/board_link.h"
 
 using brakwell::platform::log;
 using brakwell::platform::sleep_seconds;
+using brakwell::station::first_uut_only_one;
+using brakwell::station::kLinePause;
+using brakwell::station::kSitesPerWell;
+using brakwell::station::kStatusQuery;
+using brakwell::station::write_line;
 
 extern "C" {
 char DIORS232Buff[BRAKWELL_UUT_COUNT][BRAKWELL_RX_AREA];
@@ -27,9 +33,7 @@ char DIORS232Buff[BRAKWELL_UUT_COUNT][BRAKWELL_RX_AREA];
 
 namespace {
 
-constexpr const char kStatusQuery[] = "vel_fixture_status\n";
 constexpr double kReplyWait = 0.3;
-constexpr double kWellStepPause = 0.01;
 
 double now() { return brakwell::platform::monotonic_seconds(); }
 
@@ -38,7 +42,7 @@ int query_status(int uut, const char* name) {
   if (brakwell::link::valid_uut(uut) && DIO_fileDescriptor[uut] != -1) {
     tcflush(DIO_fileDescriptor[uut], TCIFLUSH);
   }
-  if (!DIORS232Write(uut, kStatusQuery, sizeof kStatusQuery - 1)) return -1;
+  if (!write_line(uut, kStatusQuery)) return -1;
   brakwell::link::collect_reply(uut, kReplyWait);
   const int status = brakwell::link::parse_status_reply(DIORS232Buff[uut]);
   if (status < 0) return -1;
@@ -61,11 +65,11 @@ constexpr RunLedAction kRunLedOff{"vel_run_led_off\n",
 // The run LED is lit through the first site of the well whose board takes the command; an
 // unbound site ends the search.
 bool run_led(int well, const RunLedAction& action) {
-  const int first = brakwell::link::first_uut_of_well(well);
-  for (int uut = first; uut < first + 4; ++uut) {
+  const int first = first_uut_only_one(well);
+  for (int uut = first; uut < first + kSitesPerWell; ++uut) {
     if (DIO_UUTSerialDevice[uut][0] == '\0') return false;
-    sleep_seconds(kWellStepPause);
-    if (DIORS232Write(uut, action.command, static_cast<int>(std::strlen(action.command)))) {
+    sleep_seconds(kLinePause);
+    if (write_line(uut, action.command)) {
       log(action.success, uut + 1);
       return true;
     }
@@ -90,11 +94,11 @@ constexpr PressMove kOut{brakwell::link::kPressOut, kMoveSent, kMoveFailed};
 
 // A press move goes to every site of the well that has a bound port.
 void press_move(int well, const PressMove& move) {
-  const int first = brakwell::link::first_uut_of_well(well);
-  for (int uut = first; uut < first + 4; ++uut) {
+  const int first = first_uut_only_one(well);
+  for (int uut = first; uut < first + kSitesPerWell; ++uut) {
     if (DIO_UUTSerialDevice[uut][0] == '\0') continue;
-    sleep_seconds(kWellStepPause);
-    const bool sent = DIORS232Write(uut, move.command, static_cast<int>(std::strlen(move.command)));
+    sleep_seconds(kLinePause);
+    const bool sent = write_line(uut, move.command);
     log(sent ? move.success : move.failure, move.command, brakwell::one_based(well), uut + 1);
   }
 }
@@ -144,7 +148,7 @@ int parse_status_reply(const char* text) {
   const long length = marker - equals - 2;
   if (length <= 0) return -1;
   const std::string digits(equals + 1, static_cast<size_t>(length));
-  return static_cast<int>(brakwell::leading_number(digits.c_str(), 2) & 0x3F);
+  return static_cast<int>(brakwell::leading_number(digits.c_str(), 2) & brakwell::station::kStatusBits);
 }
 
 }  // namespace brakwell::link

@@ -1,4 +1,5 @@
 // Serial port discovery and the per-UUT port table.
+#include <Brakwell.h>
 #include <fcntl.h>
 #include <termios.h>
 #include <unistd.h>
@@ -6,8 +7,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
-#include "Brakwell.h"
 #include "platform/log.h"
 #include "platform/serial_scan.h"
 #include "platform/sleep.h"
@@ -70,28 +71,21 @@ int site_of_port_path(const char* path) {
 }  // namespace brakwell::link
 
 extern "C" int listSerialPorts(void) {
-  udev_enumerate* iterator = nullptr;
-  if (createSerialIterator(&iterator) != 0) {
+  std::vector<brakwell::platform::SerialPort> ports;
+  if (!brakwell::platform::list_serial_ports(&ports)) {
     print_line("createSerialIterator failed");
     return 0;
   }
   std::memset(portConnected, 0, sizeof portConnected);
   int slot = 0;
-  int result = 1;
-  udev_list_entry* cursor = nullptr;
-  while (udev_device* port = brakwell::platform::next_serial_port(iterator, &cursor)) {
-    char baseName[256];
-    char dialIn[256];
-    copy_text(baseName, getRegistryString(port, "IOTTYDevice"));
-    copy_text(dialIn, getRegistryString(port, "IODialinDevice"));
-    brakwell::platform::release_serial_port(port);
+  for (const auto& port : ports) {
+    const char* dialIn = port.dialIn.c_str();
     // Any port of the machine with a long name ends the scan, fixture or not.
     if (std::strlen(dialIn) > kLongestPath) {
       print("dialInDevice [%s] too long\n", dialIn);
-      result = -1;
-      break;
+      return -1;
     }
-    log("device [%s]  dialin [%s]\n", baseName, dialIn);
+    log("device [%s]  dialin [%s]\n", port.baseName.c_str(), dialIn);
     if (std::strstr(dialIn, "usbmodem") && slot < BRAKWELL_UUT_COUNT) {
       copy_text(DIO_SerialDevice[slot], dialIn);
       log("DIO_SerialDevice[%d]:%@", slot, dialIn);
@@ -101,8 +95,7 @@ extern "C" int listSerialPorts(void) {
       if (std::strstr(dialIn, portList[i])) portConnected[i] = 1;
     }
   }
-  if (iterator) brakwell::platform::release_serial_iterator(iterator);
-  return result;
+  return 1;
 }
 
 extern "C" void matchDIO_UART(void) {

@@ -1,12 +1,13 @@
 // Enumeration by vendor and product, device naming and the cable kind.
 #include "usb/AppleDevices.h"
 
+#include <Brakwell.h>
+
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "Brakwell.h"
 #include "common/result_text.h"
 #include "platform/log.h"
 #include "platform/usb_context.h"

@@ -1,6 +1,8 @@
 // The Apple-device live list and location history, fed by arrivals and removals from the
 // library's USB event thread and by the host's calls. One mutex guards both lists and the
 // removal watches; USB I/O (the name read) is done before taking it.
+#include <Brakwell.h>
+
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -8,7 +10,6 @@
 #include <mutex>
 #include <vector>
 
-#include "Brakwell.h"
 #include "platform/log.h"
 #include "platform/usb_context.h"
 #include "usb/AppleDevices.h"

@@ -1,12 +1,13 @@
 // Where each site's unit sits on the USB bus, derived from the locations of the fixture's UART
 // bridges: the branch rule (getUSBLocationForUART) and the sibling rule
 // (usbUartSiblingLocationID).
+#include <Brakwell.h>
+
 #include <cctype>
 #include <cstdio>
 #include <ctime>
 #include <string>
 
-#include "Brakwell.h"
 #include "common/numbers.h"
 #include "common/result_text.h"
 #include "platform/log.h"

@@ -20,11 +20,10 @@
 //   "... IOServiceAddInterestNotification ..."  a removal watch is an entry in the tracker's table
 #pragma once
 
+#include <Brakwell.h>
 #include <libusb.h>
 
 #include <cstdint>
-
-#include "Brakwell.h"
 
 namespace brakwell::dio {
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/log.h"
+#include "platform/sleep.h"
 
 namespace testing_support {
 
@@ -12,12 +13,26 @@ LogCapture::~LogCapture() { brakwell::platform::set_line_sink(nullptr, nullptr);
 void LogCapture::sink(bool toSyslog, const char* text, void* self) {
   auto* capture = static_cast<LogCapture*>(self);
   std::lock_guard lock(capture->mutex_);
-  (toSyslog ? capture->syslog_ : capture->stdout_).emplace_back(text);
+  if (toSyslog) {
+    capture->syslog_.emplace_back(brakwell::platform::monotonic_seconds(), text);
+  } else {
+    capture->stdout_.emplace_back(text);
+  }
 }
 
 std::vector<std::string> LogCapture::syslog() const {
+  std::vector<std::string> out;
+  for (auto& line : timed()) out.push_back(std::move(line.second));
+  return out;
+}
+
+std::vector<std::pair<double, std::string>> LogCapture::timed(const std::string& prefix) const {
   std::lock_guard lock(mutex_);
-  return syslog_;
+  std::vector<std::pair<double, std::string>> out;
+  for (const auto& line : syslog_) {
+    if (line.second.rfind(prefix, 0) == 0) out.push_back(line);
+  }
+  return out;
 }
 
 std::vector<std::string> LogCapture::stdout_lines() const {
@@ -28,8 +43,8 @@ std::vector<std::string> LogCapture::stdout_lines() const {
 bool LogCapture::has(const std::string& line) const { return count(line) > 0; }
 
 size_t LogCapture::count(const std::string& line) const {
-  std::lock_guard lock(mutex_);
-  return static_cast<size_t>(std::count(syslog_.begin(), syslog_.end(), line));
+  const auto lines = syslog();
+  return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
 }
 
 void LogCapture::clear() {

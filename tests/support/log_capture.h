@@ -3,6 +3,7 @@
 
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace testing_support {
@@ -18,12 +19,14 @@ class LogCapture {
   std::vector<std::string> stdout_lines() const;
   bool has(const std::string& line) const;  // an exact system-log line
   size_t count(const std::string& line) const;
+  // System-log lines starting with `prefix`, each with the monotonic time it was written.
+  std::vector<std::pair<double, std::string>> timed(const std::string& prefix = "") const;
   void clear();
 
  private:
   static void sink(bool toSyslog, const char* text, void* self);
   mutable std::mutex mutex_;
-  std::vector<std::string> syslog_;
+  std::vector<std::pair<double, std::string>> syslog_;
   std::vector<std::string> stdout_;
 };
 

@@ -1,35 +1,88 @@
 // A whole station for one test program: eight fixture boards on the bus, both wells found, every
-// port open, and a handle for each well. A station start is slow, so the suite keeps one for all
-// its tests; each test starts with boards that have received nothing and answer nothing.
+// port open, and a handle for each well. A station start is slow, so the program keeps one for
+// all its tests; each test starts with boards that have received nothing and answer nothing.
+//
+// Transcripts: a case is one row {name, call, result, the lines each site's wire gets with the
+// pause before each, the log lines, least and most seconds}, run by a TEST_P with named rows.
 #pragma once
 
+#include <Brakwell.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
 #include <initializer_list>
 #include <map>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include "Brakwell.h"
 #include "boards.h"
-#include "fixture/Brakwell.h"
+#include "common/station.h"
+#include "fixture/controller.h"
 #include "platform/sleep.h"
 #include "support/log_capture.h"
 #include "usb.h"
 
 namespace testing_support {
 
-// A board's answer to "vel_fixture_status\n" for a six-bit status.
-inline std::string status_reply(int status) {
-  std::string bits;
-  for (int b = 5; b >= 0; --b) bits += (status >> b) & 1 ? '1' : '0';
-  return "vel_fixture_status=" + bits + " l_sw\n";
+using brakwell::station::status_reply;
+using Lines = std::vector<std::string>;
+
+// Runs `call` and checks it took between `least` and `most` seconds (late wake-ups are allowed
+// for in `most`, early ones never).
+template <typename Call>
+auto takes(double least, double most, Call call) {
+  const double start = brakwell::platform::monotonic_seconds();
+  auto result = call();
+  const double took = brakwell::platform::monotonic_seconds() - start;
+  EXPECT_GE(took, least);
+  EXPECT_LE(took, most);
+  return result;
+}
+
+// Runs a call with these UUTs' ports closed.
+template <typename Call>
+auto closed(std::initializer_list<int> uuts, Call call) {
+  std::map<int, int> saved;
+  for (int uut : uuts) saved[uut] = std::exchange(DIO_fileDescriptor[uut], -1);
+  auto result = call();
+  for (auto [uut, fd] : saved) DIO_fileDescriptor[uut] = fd;
+  return result;
+}
+
+// A line a site's board must receive, and the pause the call makes before it: a row lasts at
+// least the sum of its pauses.
+struct Sent {
+  int site;
+  std::string text;
+  double pause = 0;
+};
+
+struct Transcript {
+  std::string name;  // letters, digits and '_' only: gtest's row name
+  std::function<int()> call;
+  int result;
+  std::vector<Sent> wire = {};              // in order
+  std::optional<Lines> log = std::nullopt;  // every system-log line; unset: another suite owns them
+  double least = -1;                        // default: the sum of the pauses
+  double most = 3;
+};
+
+inline void PrintTo(const Transcript& t, std::ostream* out) { *out << t.name; }
+
+inline std::string row_name(const ::testing::TestParamInfo<Transcript>& info) {
+  return info.param.name;
 }
 
 class StationFixture : public ::testing::Test {
- protected:
+ public:
+  // Every suite of the program shares the one station: a libusb context hears only the testbed
+  // that was current when it was made.
   static void SetUpTestSuite() {
+    if (bed) return;
     bed = new sim::Testbed;
     bus = new sim::UsbBus(*bed);
     boards = new sim::Boards(*bed);
@@ -40,31 +93,25 @@ class StationFixture : public ::testing::Test {
     wells[1] = static_cast<FixtureController*>(std::malloc(sizeof(FixtureController)));
     *wells[1] = *wells[0];
     wells[1]->index = 1;
-  }
-  static void TearDownTestSuite() {
-    release_fixture_controller(wells[0]);
-    release_fixture_controller(wells[1]);
-    for (int uut = 0; uut < 8; ++uut) CloseDIOSerialPort(uut);
-    delete boards;
-    delete bus;
-    delete bed;
+    EXPECT_EQ(g_WellNumber, 2u);
   }
   void SetUp() override {
-    ASSERT_EQ(g_WellNumber, 2u);
+    g_WellNumber = 2;
     for (auto* b : boards->all()) {
       b->set_responder(nullptr);
       b->clear();
     }
+    log.clear();
   }
 
   static sim::Board& board(int site) { return boards->site(site); }
   // Each site received exactly its text here, the others nothing: waits for the expected lines,
-  // then a moment for stray ones to show.
-  static void expect_wire(const std::map<int, std::string>& expected) {
+  // then `settle` seconds for stray ones to show.
+  static void expect_wire(const std::map<int, std::string>& expected, double settle = 0.05) {
     for (const auto& [site, text] : expected) {
       board(site).wait_lines(static_cast<size_t>(std::count(text.begin(), text.end(), '\n')), 2);
     }
-    brakwell::platform::sleep_seconds(0.05);
+    brakwell::platform::sleep_seconds(settle);
     for (int site = 1; site <= 8; ++site) {
       const auto it = expected.find(site);
       EXPECT_EQ(board(site).received(), it == expected.end() ? "" : it->second) << "site " << site;
@@ -76,6 +123,21 @@ class StationFixture : public ::testing::Test {
       board(site).clear();
       EXPECT_TRUE(SOC_GPIO1_On(site - 1, true)) << site;
       EXPECT_TRUE(board(site).wait_lines(1, 2)) << site;
+    }
+  }
+
+  // One transcript row: the result, the time taken, the bytes on every site and the log.
+  void run(const Transcript& t) {
+    double pauses = 0;
+    std::map<int, std::string> wire;
+    for (const Sent& s : t.wire) {
+      pauses += s.pause;
+      wire[s.site] += s.text;
+    }
+    EXPECT_EQ(takes(t.least < 0 ? pauses : t.least, t.most, t.call), t.result);
+    expect_wire(wire, 0);
+    if (t.log) {
+      EXPECT_EQ(log.syslog(), *t.log);
     }
   }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "common/station.h"
 
 namespace fixturectl {
 namespace {
@@ -83,19 +84,22 @@ int cmd_stop(Context& ctx, const Args& args) {
 
 // The status word's bits are active low; -1 is no answer.
 Json decode_status(int status) {
+  using namespace brakwell::station;
+  const auto holds = [status](int bit) { return (status & bit) == 0; };
   Json s = Json::object();
   s["word"] = status;
-  s["button_a"] = (status & 0x01) == 0 ? "held" : "released";
-  s["button_b"] = (status & 0x02) == 0 ? "held" : "released";
-  s["plate"] = (status & 0x04) == 0 ? "down" : (status & 0x08) == 0 ? "up" : "between";
-  s["tray"] = (status & 0x10) == 0 ? "in" : (status & 0x20) == 0 ? "out" : "between";
+  s["button_a"] = holds(kButtonA) ? "held" : "released";
+  s["button_b"] = holds(kButtonB) ? "held" : "released";
+  s["plate"] = holds(kPlateDown) ? "down" : holds(kPlateUp) ? "up" : "between";
+  s["tray"] = holds(kTrayClosed) ? "in" : holds(kTrayOpen) ? "out" : "between";
   return s;
 }
 
 int cmd_status(Context& ctx, const Args& args) {
   expect_count(args, 0, 0);
   ctx.controller(ctx.well);
-  const int status = ctx.well == 1 ? queryFixtureStatusForWell2(4) : queryFixtureStatusForWell1(0);
+  const int first = brakwell::station::first_uut_only_one(ctx.well);
+  const int status = first != 0 ? queryFixtureStatusForWell2(first) : queryFixtureStatusForWell1(0);
   Json& r = ctx.out.result();
   r["well"] = ctx.well + 1;
   if (status < 0) {

@@ -12,7 +12,8 @@
 
 namespace {
 
-using testing_support::status_reply;
+using testing_support::Sent;
+using testing_support::Transcript;
 
 constexpr int kBad[] = {-1, 8, 100, INT_MIN, INT_MAX};
 
@@ -68,51 +69,74 @@ TEST_F(BadInput, ResultLedFoldsTheIndexBeforeTheRangeRule) {
   EXPECT_TRUE(log.has("VELMORA: SOC_ResultLed, UUT:5, Successfully write vel_pass_led_on\n"));
 }
 
-TEST_F(BadInput, WellNumbersOtherThanOneAreTheFirstWellForResetLedsAndMoves) {
-  std::string first, others;
-  for (int bad : kBad) {
-    EXPECT_TRUE(SOC_Reset(bad)) << bad;
-    EXPECT_TRUE(SOC_PowerOff(bad)) << bad;
-    EXPECT_TRUE(SOC_RunLed(bad, true)) << bad;
-    EXPECT_TRUE(SOC_PneumaticValveOff(bad)) << bad;
-    fixtureDown(bad);
-    EXPECT_TRUE(log.has("VELMORA: SOC_Reset WELL:" + plus_one(bad))) << bad;
-    first +=
-        "vel_dfu_reset\nvel_dfu_reset\nvel_run_led_on\nvel_pne_up\nvel_pne_out\nvel_pne_down\n";
-    others += "vel_dfu_reset\nvel_dfu_reset\nvel_pne_down\n";
-  }
-  expect_wire({{1, first}, {2, others}, {3, others}, {4, others}});
-}
+// The well-rule table: which well's port a call reaches for a well number. Reset, LEDs, release
+// and the board link's moves take only 1 as the second well; the status tests and the presses
+// take any non-zero; the Run test serves 0 and 1 only.
+struct WellRule : testing_support::StationFixture, ::testing::WithParamInterface<Transcript> {};
+TEST_P(WellRule, Transcript) { run(GetParam()); }
 
-TEST_F(BadInput, WellNumbersOtherThanZeroAreTheSecondWellForStatusAndPress) {
-  // 24: plate down, both buttons held. A press cycle ends at its first poll and lights the run
-  // LED by the board link's rule: the first well's, for any well but 1.
-  board(5).script_status({status_reply(24)});
-  const struct {
-    bool (*test)(int);
-    int well;
-    bool answer;
-  } rows[] = {{SOC_IsFixtureEngaged, -1, true},
-              {SOC_IsBoth_Pressed, INT_MIN, true},
-              {SOC_IsAbort_Pressed, 8, false},
-              {SOC_IsValveOn, 100, false}};
-  for (const auto& r : rows) EXPECT_EQ(r.test(r.well), r.answer) << r.well;
-  for (int bad : kBad) EXPECT_FALSE(SOC_IsRun_Pressed(bad)) << bad;  // serves 0 and 1 only
-  EXPECT_TRUE(SOC_PneumaticValveOn(INT_MAX, -1.0f));
-  EXPECT_TRUE(PneumaticValveAutoOn(100, 0.5f));
-  std::string queries;
-  for (int i = 0; i < 6; ++i) queries += "vel_fixture_status\n";
-  expect_wire({{1, "vel_run_led_on\n"}, {5, queries + "vel_pne_in\nvel_pne_down\n"}});
-  EXPECT_TRUE(log.has("VELMORA: SOC_FixtureEngaged, rdData = 24"));
-  EXPECT_TRUE(log.has("VELMORA: SOC_PneumaticValveOn WELL:" + plus_one(INT_MAX)));
-  EXPECT_TRUE(log.has("VELMORA: PneumaticValveAutoOn, WELL:101"));
+std::vector<Transcript> well_rules() {
+  constexpr char kQuery[] = "vel_fixture_status\n";
+  std::vector<Transcript> rows;
+  for (int well : {0, 1, 2, INT_MAX}) {
+    const int onlyOne = well == 1 ? 5 : 1, anyNonZero = well != 0 ? 5 : 1;
+    const std::string at = well == INT_MAX ? "_max" : "_" + std::to_string(well);
+    const std::string pressDown = "vel_pne_down\n";
+    Transcript reset{"SOC_Reset" + at, [well] { return int(SOC_Reset(well)); }, 1, {}};
+    Transcript down{"fixtureDown" + at, [well] { return fixtureDown(well), 1; }, 1, {}};
+    for (int site = onlyOne; site < onlyOne + 4; ++site) {
+      reset.wire.push_back({site, "vel_dfu_reset\n", 0.01});
+      down.wire.push_back({site, pressDown, 0.01});
+    }
+    rows.push_back(reset);
+    rows.push_back(down);
+    rows.push_back({"SOC_RunLed" + at,
+                    [well] { return int(SOC_RunLed(well, true)); },
+                    1,
+                    {{onlyOne, "vel_run_led_on\n"}}});
+    rows.push_back({"SOC_PneumaticValveOff" + at,
+                    [well] { return int(SOC_PneumaticValveOff(well)); },
+                    1,
+                    {{onlyOne, "vel_pne_up\n"}, {onlyOne, "vel_pne_out\n", 0.01}}});
+    rows.push_back({"SOC_IsFixtureEngaged" + at,
+                    [well] { return int(SOC_IsFixtureEngaged(well)); },
+                    0,
+                    {{anyNonZero, kQuery}},
+                    std::nullopt,
+                    0.3});
+    // Both buttons held, plate down: the cycle ends at its first poll and lights the run LED
+    // by the other rule.
+    rows.push_back({"SOC_PneumaticValveOn" + at,
+                    [well, anyNonZero] {
+                      testing_support::StationFixture::board(anyNonZero)
+                          .script_status({testing_support::status_reply(24)});
+                      return int(SOC_PneumaticValveOn(well, -1.0f));
+                    },
+                    1,
+                    {{anyNonZero, kQuery}, {onlyOne, "vel_run_led_on\n", 0.01}},
+                    std::nullopt,
+                    0.3});
+    rows.push_back({"SOC_PneumaticValveAutoOn" + at,
+                    [well] { return int(SOC_PneumaticValveAutoOn(well, 0)); },
+                    1,
+                    {{anyNonZero, kQuery}, {anyNonZero, "vel_pne_in\n"}, {anyNonZero, pressDown}},
+                    std::nullopt,
+                    0.65});
+    const bool run = well == 0 || well == 1;
+    rows.push_back({"SOC_IsRun_Pressed" + at, [well] { return int(SOC_IsRun_Pressed(well)); }, 0,
+                    run ? std::vector<Sent>{{well ? 5 : 1, kQuery}} : std::vector<Sent>{},
+                    std::nullopt, run ? 0.3 : 0});
+  }
+  return rows;
 }
+INSTANTIATE_TEST_SUITE_P(Wells, WellRule, ::testing::ValuesIn(well_rules()),
+                         testing_support::row_name);
 
 TEST_F(BadInput, SitesOfAHandle) {
   for (int w = 0; w < 2; ++w) {
     FixtureController* h = wells[w];
     for (int site : kBad) {
-      const int64_t uut64 = static_cast<int64_t>(site) + (w == 1 ? 4 : 0);
+      const int64_t uut64 = static_cast<int64_t>(site) + brakwell::station::first_uut_only_one(w);
       const int32_t uut = static_cast<int32_t>(static_cast<uint32_t>(uut64));
       const bool inStation = site >= 1 && uut >= 1 && uut <= 8;  // only site 8 on well 0
       const std::string at = "well " + std::to_string(w) + " site " + std::to_string(site);

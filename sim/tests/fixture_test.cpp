@@ -1,5 +1,7 @@
 // The virtual fixture's own behaviour, in process: units under test that follow the lines their
 // board receives, timed faults, and the trace and VCD writers.
+#include "fixture.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -9,7 +11,6 @@
 #include <optional>
 #include <thread>
 
-#include "fixture.h"
 #include "tools_support.h"
 #include "topology.h"
 #include "vcd.h"

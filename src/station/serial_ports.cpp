@@ -38,9 +38,12 @@ void copy_text(char (&slot)[N], const char* text) {
 
 bool open_port(const char* caller, int uut) {
   if (!brakwell::link::valid_uut(uut)) return false;
-  if (DIO_fileDescriptor[uut] != -1) CloseDIOSerialPort(uut);
+  CloseDIOSerialPort(uut);
   brakwell::platform::sleep_seconds(0.1);
-  const int fd = open(DIO_UUTSerialDevice[uut], O_RDWR | O_NOCTTY | O_NONBLOCK);
+  const auto port = brakwell::link::hold_port(uut);
+  // Non-blocking: a board that stopped reading makes a write come up short, never wait. Not
+  // inherited by the programs the host starts.
+  const int fd = open(DIO_UUTSerialDevice[uut], O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
   DIO_fileDescriptor[uut] = fd;
   log("VELMORA: %s, DIO_fileDescriptor[%d] = %d", caller, uut + 1, fd);
   if (fd == -1) return false;
@@ -65,6 +68,14 @@ int site_of_port_path(const char* path) {
   if (!first || first[1] == '\0' || first[2] == '\0') return 0;
   const char digits[3] = {first[1], first[2], '\0'};
   return static_cast<int>(std::strtol(digits, nullptr, 10));
+}
+
+void close_held(int uut) {
+  if (!valid_uut(uut) || DIO_fileDescriptor[uut] == -1) return;
+  clear_held(uut);
+  tcflush(DIO_fileDescriptor[uut], TCOFLUSH);
+  close(DIO_fileDescriptor[uut]);
+  DIO_fileDescriptor[uut] = -1;
 }
 
 }  // namespace brakwell::link
@@ -125,8 +136,6 @@ extern "C" bool openDIO_UARTForWell1(int uut) { return open_port("openDIO_UARTFo
 extern "C" bool openDIO_UARTForWell2(int uut) { return open_port("openDIO_UARTForWell2", uut); }
 
 extern "C" void CloseDIOSerialPort(int uut) {
-  if (!brakwell::link::valid_uut(uut) || DIO_fileDescriptor[uut] == -1) return;
-  ClearDIORS232Buff(uut);
-  close(DIO_fileDescriptor[uut]);
-  DIO_fileDescriptor[uut] = -1;
+  const auto port = brakwell::link::hold_port(uut);
+  brakwell::link::close_held(uut);
 }

@@ -12,6 +12,7 @@
 #include <linux/usbdevice_fs.h>
 // clang-format on
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -571,8 +572,13 @@ UsbDevice& UsbBus::add_locked(const UsbDeviceSpec& desc, bool announce) {
   std::snprintf(ids, sizeof ids, "%x/%x/100", desc.vendor, desc.product);
   std::string record = "P: " + device.sys_path() + "\n";
   record += "N: " + device.devnode().substr(5) + "\n";
+  // A text with a control character (a device forging lines) cannot stand on one record line;
+  // umockdev takes it in hexadecimal.
   auto attr = [&](const std::string& name, const std::string& value) {
-    record += "A: " + name + "=" + value + "\n";
+    const bool plain = std::all_of(value.begin(), value.end(),
+                                   [](char c) { return static_cast<unsigned char>(c) >= 0x20; });
+    record += plain ? "A: " + name + "=" + value + "\n"
+                    : "H: " + name + "=" + hex({value.begin(), value.end()}) + "\n";
   };
   char buf[16];
   attr("busnum", std::to_string(busnum));

@@ -1,9 +1,8 @@
-// All eight sites at once: each site's thread runs its power and boot-mode sequences and signal
-// commands and asks its well's sensors, while the seven others do the same; and both wells post
-// their key chords at once.
+// All eight sites at once, each site's thread running its power and boot-mode sequences and signal
+// commands and asking its well's sensors; and both wells posting their key chords at once.
 #include <linux/input.h>
 
-#include <cmath>
+#include <map>
 #include <thread>
 
 #include "keyboard.h"
@@ -13,7 +12,6 @@
 namespace {
 
 using brakwell::platform::monotonic_seconds;
-using brakwell::platform::sleep_seconds;
 using testing_support::status_reply;
 
 constexpr char kQuery[] = "vel_fixture_status\n";
@@ -21,13 +19,9 @@ constexpr int kRounds = 2;
 
 class Parallel : public testing_support::StationFixture {
  protected:
-  // A well's sensors, each answer checked: the first well reads tray open and plate up, the second
-  // tray closed and plate up. A query that lost its reply reads -1, which answers false to both.
-  static int wrong_sensor_answers(int well) {
-    return (SOC_IsFixtureOpened(well) != (well == 0)) + !SOC_IsFixtureDisengaged(well);
-  }
-
-  // One round of a site's work; the number of wrong sensor answers.
+  // One round of a site's work; the number of wrong sensor answers. The first well reads tray
+  // open and plate up, the second tray closed and plate up; a query that lost its reply reads
+  // -1, which answers false to both.
   static int site_round(int site) {
     FixtureController* h = wells[site > 4 ? 1 : 0];
     const int siteOfWell = (site - 1) % 4 + 1, uut = site - 1, well = site > 4 ? 1 : 0;
@@ -36,10 +30,10 @@ class Parallel : public testing_support::StationFixture {
     set_force_dfu(h, 0, siteOfWell);
     SOC_UART(uut, false);
     SOC_Hi5EnterDiag(uut);
-    const int wrong = wrong_sensor_answers(well);
+    const int wrong = (SOC_IsFixtureOpened(well) != (well == 0)) + !SOC_IsFixtureDisengaged(well);
     set_dut_power(h, 1, siteOfWell);
     SOC_PassLed(uut, true);
-    sleep_seconds(0.05);  // its last line has reached the board
+    brakwell::platform::sleep_seconds(0.05);  // its last line has reached the board
     return wrong;
   }
 
@@ -99,9 +93,7 @@ TEST_F(Parallel, EightSitesAtOnceAsEachAlone) {
     for (size_t i = 0; i < lines.size(); ++i) {
       const size_t k = i % reference.size();
       EXPECT_EQ(lines[i].text, reference[k].text) << i;
-      if (k > 0) {
-        EXPECT_GE(lines[i].time - lines[i - 1].time, pause[k] - 2e-4) << i;
-      }
+      EXPECT_GE(k > 0 ? lines[i].time - lines[i - 1].time : 1.0, pause[k] - 2e-4) << i;
     }
     // And the board received every line whole, as written.
     std::string written;
@@ -109,9 +101,8 @@ TEST_F(Parallel, EightSitesAtOnceAsEachAlone) {
     EXPECT_EQ(board(site).received(), written);
   }
   // Every query of a well's four sites went to its first site, each answered on its own.
-  for (int site : {1, 5}) {
+  for (int site : {1, 5})
     EXPECT_EQ(sim::write_tap::lines(site - 1).size() - own_lines(site).size(), 2u * kRounds * 4);
-  }
 }
 
 TEST_F(Parallel, KeyChordsFromBothWellsAtOnce) {
@@ -123,14 +114,10 @@ TEST_F(Parallel, KeyChordsFromBothWellsAtOnce) {
   left.join();
   EXPECT_EQ(keyboard.created(), 1);
   // Each chord whole: Control, Alt and the letter down, the letter, Control and Alt up.
+  const std::map<int, char> name = {
+      {KEY_LEFTCTRL, 'C'}, {KEY_LEFTALT, 'A'}, {KEY_Z, 'Z'}, {KEY_Y, 'Y'}};
   std::string keys;
-  for (const auto& k : keyboard.keys()) {
-    keys += k.code == KEY_LEFTCTRL  ? 'C'
-            : k.code == KEY_LEFTALT ? 'A'
-            : k.code == KEY_Z       ? 'Z'
-                                    : 'Y';
-    keys += k.value ? 'v' : '^';
-  }
+  for (const auto& k : keyboard.keys()) keys += {name.at(k.code), k.value ? 'v' : '^'};
   ASSERT_EQ(keys.size(), 40u * 12);
   for (size_t i = 0; i < keys.size(); i += 12) {
     const std::string chord = keys.substr(i, 12);

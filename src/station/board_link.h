@@ -36,10 +36,6 @@ void clear_held(int uut);
 // DIORS232Write's body (held).
 bool write_held(int uut, const char* buf, int len);
 
-// Drops the port's unsent output and closes it (held): a board that stopped reading must not
-// hold up the close for the kernel's closing wait.
-void close_held(int uut);
-
 // Reads whatever the board sends on the UUT's port for `seconds` into its receive area (never
 // past its last byte, always NUL-terminated). The calling thread sleeps in poll meanwhile and
 // the call lasts the whole time, replies or not (held).

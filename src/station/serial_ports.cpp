@@ -70,14 +70,6 @@ int site_of_port_path(const char* path) {
   return static_cast<int>(std::strtol(digits, nullptr, 10));
 }
 
-void close_held(int uut) {
-  if (!valid_uut(uut) || DIO_fileDescriptor[uut] == -1) return;
-  clear_held(uut);
-  tcflush(DIO_fileDescriptor[uut], TCOFLUSH);
-  close(DIO_fileDescriptor[uut]);
-  DIO_fileDescriptor[uut] = -1;
-}
-
 }  // namespace brakwell::link
 
 extern "C" int listSerialPorts(void) {
@@ -137,5 +129,11 @@ extern "C" bool openDIO_UARTForWell2(int uut) { return open_port("openDIO_UARTFo
 
 extern "C" void CloseDIOSerialPort(int uut) {
   const auto port = brakwell::link::hold_port(uut);
-  brakwell::link::close_held(uut);
+  if (!brakwell::link::valid_uut(uut) || DIO_fileDescriptor[uut] == -1) return;
+  brakwell::link::clear_held(uut);
+  // Unsent output is dropped: a board that stopped reading must not hold up the close for the
+  // kernel's closing wait.
+  tcflush(DIO_fileDescriptor[uut], TCOFLUSH);
+  close(DIO_fileDescriptor[uut]);
+  DIO_fileDescriptor[uut] = -1;
 }

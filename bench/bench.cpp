@@ -255,7 +255,6 @@ class Bench {
   }
 
   void run(int runs, bool commands) {
-    sim::write_tap::watch(DIO_fileDescriptor);
     const int raised = raise_instrument_threads();
     std::printf("instrument threads: %s\n", raised ? "real-time (SCHED_FIFO)" : "normal priority");
     print_machine_baseline();
@@ -550,8 +549,9 @@ class Bench {
       board->set_responder(nullptr);
       board->clear();
     }
-    sim::write_tap::clear();
     if (sequence.prepare) sequence.prepare();
+    sim::write_tap::watch(DIO_fileDescriptor);  // the ports may have been opened anew
+    sim::write_tap::clear();
     const double start = sim::now();
     sequence.call();
     const double end = sim::now();
@@ -689,6 +689,7 @@ class Bench {
       }
       sim::write_tap::clear();
     };
+    sim::write_tap::watch(DIO_fileDescriptor);
     sim::write_tap::clear();
     double start = sim::now();
     for (int site = 1; site <= 8; ++site) site_work(site);

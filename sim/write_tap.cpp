@@ -11,7 +11,7 @@ namespace sim::write_tap {
 namespace {
 
 constexpr int kPorts = 8;
-std::atomic<const int32_t*> ports{nullptr};
+std::atomic<int32_t> ports[kPorts] = {-1, -1, -1, -1, -1, -1, -1, -1};
 std::mutex mutex;
 std::string partial[kPorts];
 double partialStart[kPorts];
@@ -31,7 +31,9 @@ void record(int uut, double time, const char* data, size_t n) {
 
 }  // namespace
 
-void watch(const int32_t* portDescriptors) { ports = portDescriptors; }
+void watch(const int32_t* portDescriptors) {
+  for (int uut = 0; uut < kPorts; ++uut) ports[uut] = portDescriptors[uut];
+}
 
 std::vector<ReceivedLine> lines(int uut) {
   std::lock_guard lock(mutex);
@@ -53,9 +55,8 @@ extern "C" ssize_t write(int fd, const void* data, size_t n) {
   static const auto next = reinterpret_cast<Write>(dlsym(RTLD_NEXT, "write"));
   const double time = sim::now();
   const ssize_t done = next(fd, data, n);
-  const int32_t* watched = sim::write_tap::ports;
-  for (int uut = 0; watched && done > 0 && uut < sim::write_tap::kPorts; ++uut) {
-    if (watched[uut] == fd) {
+  for (int uut = 0; done > 0 && uut < sim::write_tap::kPorts; ++uut) {
+    if (sim::write_tap::ports[uut] == fd) {
       sim::write_tap::record(uut, time, static_cast<const char*>(data), static_cast<size_t>(done));
     }
   }

@@ -11,8 +11,8 @@
 
 namespace sim::write_tap {
 
-// Starts recording writes to these eight descriptors (the library's DIO_fileDescriptor), read
-// at every write call.
+// Records the writes to these eight descriptors (the library's DIO_fileDescriptor, copied now:
+// watch again after the ports are opened anew).
 void watch(const int32_t* portDescriptors);
 // The complete lines written to a UUT's port since the last clear, each with the time of the
 // write call that carried its first byte.

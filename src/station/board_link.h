@@ -36,6 +36,9 @@ void clear_held(int uut);
 // DIORS232Write's body (held).
 bool write_held(int uut, const char* buf, int len);
 
+// Whether the port's last write came up short: its board is not taking its output (held).
+extern bool refusing[BRAKWELL_UUT_COUNT];
+
 // Reads whatever the board sends on the UUT's port for `seconds` into its receive area (never
 // past its last byte, always NUL-terminated). The calling thread sleeps in poll meanwhile and
 // the call lasts the whole time, replies or not (held).

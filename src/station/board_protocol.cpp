@@ -113,6 +113,8 @@ std::unique_lock<std::mutex> hold_port(int uut) {
   return valid_uut(uut) ? std::unique_lock(ports[uut]) : std::unique_lock<std::mutex>();
 }
 
+bool refusing[BRAKWELL_UUT_COUNT];
+
 void clear_held(int uut) {
   if (valid_uut(uut)) std::memset(DIORS232Buff[uut], 0, BRAKWELL_RX_AREA);
 }
@@ -124,7 +126,9 @@ bool write_held(int uut, const char* buf, int len) {
   if (fd == -1) return false;
   if (len == 0) return true;
   if (!buf || len < 0) return false;  // nothing that could be sent
-  if (write(fd, buf, static_cast<size_t>(len)) == len) return true;
+  const bool whole = write(fd, buf, static_cast<size_t>(len)) == len;
+  refusing[uut] = !whole;
+  if (whole) return true;
   log("k != nlen");
   return false;
 }

@@ -131,9 +131,11 @@ extern "C" void CloseDIOSerialPort(int uut) {
   const auto port = brakwell::link::hold_port(uut);
   if (!brakwell::link::valid_uut(uut) || DIO_fileDescriptor[uut] == -1) return;
   brakwell::link::clear_held(uut);
-  // Unsent output is dropped: a board that stopped reading must not hold up the close for the
-  // kernel's closing wait.
-  tcflush(DIO_fileDescriptor[uut], TCOFLUSH);
+  // A board that stopped taking its output must not hold up the close for the kernel's closing
+  // wait: its unsent output is dropped. Any other port keeps what was just written (SOC_Done
+  // closes right after the last site's command).
+  if (brakwell::link::refusing[uut]) tcflush(DIO_fileDescriptor[uut], TCOFLUSH);
+  brakwell::link::refusing[uut] = false;
   close(DIO_fileDescriptor[uut]);
   DIO_fileDescriptor[uut] = -1;
 }

@@ -1,9 +1,10 @@
-// Timing fidelity of the library's sequences, measured where a fixture sees them: every line a
-// virtual board receives carries its arrival time, every status frame a virtual DIO module
-// answers carries its own. Beside each sequence stand the lines it must send and the pause the
-// library is meant to make before each; the bench runs every sequence several times and
-// compares. It ends with a throughput figure for DIORS232Write and the CPU time of a press cycle
-// that waits.
+// Timing fidelity of the library's sequences, measured at two points: every line carries the
+// time of the library's write call (inside the process) and the time its virtual board took it;
+// every status frame a virtual DIO module answers carries its own. Beside each sequence stand
+// the lines it must send and the pause the library is meant to make before each; the bench runs
+// every sequence several times and compares, judging the library at the write call. It ends with
+// a throughput figure for DIORS232Write, the CPU time of a press cycle that waits, and the eight
+// sites' power and boot-mode sequences one after another and all at once.
 //
 //   brakwell_bench [--runs N] [--commands]      (under umockdev-wrapper)
 #include <Brakwell.h>
@@ -23,6 +24,7 @@
 #include <memory>
 #include <numeric>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "boards.h"
@@ -30,6 +32,7 @@
 #include "dio.h"
 #include "topology.h"
 #include "usb.h"
+#include "write_tap.h"
 
 namespace {
 
@@ -56,9 +59,14 @@ struct Sequence {
   bool dio = false;               // lines are the DIO module's status frames
 };
 
+// Where a line is timed: at the library's write call inside the process, and where its board
+// took it (the boards' one reader thread, which a busy machine can make late).
+enum Point { AtCall, AtBoard, kPoints };
+constexpr const char* kPointName[kPoints] = {"at the write call", "at the boards"};
+
 struct Measured {
   std::vector<double> durations;
-  std::vector<std::vector<double>> gaps;  // per line, per run
+  std::vector<std::vector<double>> gaps[kPoints];  // per point, per line, per run
   int mismatches = 0;
 };
 
@@ -173,6 +181,12 @@ std::vector<Line> boot_lines(Boot mode, int site, bool on) {
   return out;
 }
 
+std::vector<Line> dut_power_off_lines(int site) {
+  return {{site, "vel_vusb_off\n", 0},
+          {site, "vel_batt_supercap_disconn\n", S},
+          {site, "vel_vbatt_off\n", S}};
+}
+
 std::vector<Line> dut_power_on_lines(int site) {
   return {{site, "vel_hi5_enable\n", 0},         {site, "vel_hi5_enable\n", 0},
           {site, "vel_hi5_enter_recovery\n", 0}, {site, "vel_accid_on\n", S},
@@ -250,21 +264,20 @@ class Bench {
     define();
 
     double measuredSum = 0, plannedSum = 0;
-    int early = 0, mismatches = 0;
+    int early[kPoints] = {}, mismatches = 0;
     std::vector<double> excess;
     std::vector<std::pair<double, std::string>> excessOf;  // time beyond the pauses, all runs
     std::vector<std::string> earlyNotes;
-    std::printf("\n%-34s %9s %9s %9s %9s %22s %5s\n", "sequence", "pauses s", "median s", "worst s",
-                "overhead", "shortest gap / pause", "early");
+    std::printf("\n%-34s %9s %9s %9s %9s %22s %11s\n", "sequence", "pauses s", "median s",
+                "worst s", "overhead", "shortest gap / pause", "early c/b");
     for (auto& sequence : sequences_) {
       Measured m;
-      m.gaps.resize(sequence.lines.size());
+      for (auto& gaps : m.gaps) gaps.resize(sequence.lines.size());
       for (int r = 0; r < runs; ++r) measure(sequence, m);
       const double planned = planned_of(sequence);
       double shortest = INFINITY, shortestPause = 0;
-      int seqEarly = 0;
       for (size_t i = 0; i < sequence.lines.size(); ++i) {
-        for (double gap : m.gaps[i]) {
+        for (double gap : m.gaps[AtCall][i]) {
           const double pause = sequence.lines[i].pause;
           excess.push_back(gap - pause);
           if (gap - pause < shortest - shortestPause) {
@@ -273,21 +286,10 @@ class Bench {
           }
         }
       }
-      // An early gap right after a late one is a line that reached the board late (the pty
-      // delivers in bursts when the machine is busy), not a short pause: say which it was.
-      for (size_t i = 0; i < sequence.lines.size(); ++i) {
-        for (size_t r = 0; r < m.gaps[i].size(); ++r) {
-          const double shortBy = sequence.lines[i].pause - m.gaps[i][r];
-          if (shortBy <= kEarly) continue;
-          ++seqEarly;
-          const double lateBefore = i > 0 ? m.gaps[i - 1][r] - sequence.lines[i - 1].pause : 0;
-          char note[256];
-          std::snprintf(note, sizeof note,
-                        "%s, line %zu (%s): %.2f ms short; the line before came %.2f ms late",
-                        sequence.name.c_str(), i + 1, strip(sequence.lines[i].text).c_str(),
-                        shortBy * 1e3, lateBefore * 1e3);
-          earlyNotes.push_back(note);
-        }
+      int seqEarly[kPoints] = {};
+      for (int point = 0; point < kPoints; ++point) {
+        seqEarly[point] = count_early(sequence, m.gaps[point], kPointName[point], earlyNotes);
+        early[point] += seqEarly[point];
       }
       for (double d : m.durations) measuredSum += d;
       plannedSum += planned * static_cast<double>(m.durations.size());
@@ -301,14 +303,15 @@ class Bench {
       if (planned > 0) {
         std::snprintf(overhead, sizeof overhead, "%+.2f%%", 100 * (med - planned) / planned);
       }
-      std::printf("%-34s %9.3f %9.4f %9.4f %9s %22s %5d%s\n", sequence.name.c_str(), planned, med,
-                  worst, overhead, gapText, seqEarly, m.mismatches ? "  LINES DIFFER" : "");
+      char earlyText[32];
+      std::snprintf(earlyText, sizeof earlyText, "%d/%d", seqEarly[AtCall], seqEarly[AtBoard]);
+      std::printf("%-34s %9.3f %9.4f %9.4f %9s %22s %11s%s\n", sequence.name.c_str(), planned, med,
+                  worst, overhead, gapText, earlyText, m.mismatches ? "  LINES DIFFER" : "");
       if (commands) print_commands(sequence, m);
       std::fflush(stdout);
       excessOf.push_back({std::accumulate(m.durations.begin(), m.durations.end(), 0.0) -
                               planned * static_cast<double>(m.durations.size()),
                           sequence.name});
-      early += seqEarly;
       mismatches += m.mismatches;
     }
 
@@ -323,19 +326,43 @@ class Bench {
 
     throughput();
     press_cycle_cpu();
+    parallel_sites();
 
     SOC_Done();
     release_fixture_controller(controllers_[0]);
     release_fixture_controller(controllers_[1]);
     if (mismatches) std::printf("\n%d runs sent other lines than expected\n", mismatches);
     std::printf(
-        "\ntiming: %zu sequences, overhead %.2f%% over planned pauses, %d early gaps, "
-        "median command excess %.0f us\n",
-        sequences_.size(), 100 * (measuredSum - plannedSum) / plannedSum, early,
-        median(excess) * 1e6);
+        "\ntiming: %zu sequences, overhead %.2f%% over planned pauses, %d early gaps at the write "
+        "call (%d at the boards), median command excess %.0f us\n",
+        sequences_.size(), 100 * (measuredSum - plannedSum) / plannedSum, early[AtCall],
+        early[AtBoard], median(excess) * 1e6);
   }
 
  private:
+  // Gaps shorter than their pause, each with a note. An early gap right after a late one is a
+  // line that was timed late (at the boards: the pty delivers in bursts when the machine is
+  // busy), not a short pause: the note says which it was.
+  static int count_early(const Sequence& sequence, const std::vector<std::vector<double>>& gaps,
+                         const char* point, std::vector<std::string>& notes) {
+    int early = 0;
+    for (size_t i = 0; i < sequence.lines.size(); ++i) {
+      for (size_t r = 0; r < gaps[i].size(); ++r) {
+        const double shortBy = sequence.lines[i].pause - gaps[i][r];
+        if (shortBy <= kEarly) continue;
+        ++early;
+        const double lateBefore = i > 0 ? gaps[i - 1][r] - sequence.lines[i - 1].pause : 0;
+        char note[320];
+        std::snprintf(note, sizeof note,
+                      "%s, %s, line %zu (%s): %.2f ms short; the line before came %.2f ms late",
+                      point, sequence.name.c_str(), i + 1, strip(sequence.lines[i].text).c_str(),
+                      shortBy * 1e3, lateBefore * 1e3);
+        notes.push_back(note);
+      }
+    }
+    return early;
+  }
+
   static double planned_of(const Sequence& sequence) {
     double total = sequence.tail;
     for (const auto& line : sequence.lines) total += line.pause;
@@ -385,11 +412,7 @@ class Bench {
             {{site, on_off(on, "vel_vbatt_on\n", "vel_vbatt_off\n"), 0}});
       }
       add(
-          "set_dut_power off" + w, [h] { set_dut_power(h, 1, 1); },
-          {{site, "vel_vusb_off\n", 0},
-           {site, "vel_batt_supercap_disconn\n", S},
-           {site, "vel_vbatt_off\n", S}},
-          L);
+          "set_dut_power off" + w, [h] { set_dut_power(h, 1, 1); }, dut_power_off_lines(site), L);
       add(
           "set_dut_power on" + w, [h] { set_dut_power(h, 0, 1); }, dut_power_on_lines(site), 0);
 
@@ -522,58 +545,64 @@ class Bench {
       board->clear();
     }
     if (sequence.prepare) sequence.prepare();
+    sim::write_tap::watch(DIO_fileDescriptor);  // the ports may have been opened anew
+    sim::write_tap::clear();
     const double start = sim::now();
     sequence.call();
     const double end = sim::now();
     m.durations.push_back(end - start);
 
-    std::vector<double> times;
+    std::vector<double> times[kPoints];
     if (sequence.dio) {
-      times = dio_->status_times();
+      times[AtCall] = times[AtBoard] = dio_->status_times();
     } else {
-      times = arrival_times(sequence.lines);
+      times[AtCall] =
+          line_times(sequence.lines, [](int site) { return sim::write_tap::lines(site - 1); });
+      times[AtBoard] =
+          line_times(sequence.lines, [this](int site) { return boards_.site(site).lines(); });
     }
-    if (times.size() != sequence.lines.size()) {
-      ++m.mismatches;
-      return;
+    for (int point = 0; point < kPoints; ++point) {
+      if (times[point].size() != sequence.lines.size()) {
+        ++m.mismatches;
+        return;
+      }
     }
-    double previous = start;
-    for (size_t i = 0; i < times.size(); ++i) {
-      m.gaps[i].push_back(times[i] - previous);
-      previous = times[i];
+    for (int point = 0; point < kPoints; ++point) {
+      double previous = start;
+      for (size_t i = 0; i < times[point].size(); ++i) {
+        m.gaps[point][i].push_back(times[point][i] - previous);
+        previous = times[point][i];
+      }
     }
   }
 
-  // The arrival time of each expected line: per site, the lines must be exactly the expected
-  // ones, in order; an empty result when they are not.
-  std::vector<double> arrival_times(const std::vector<Line>& expected) {
+  // The time of each expected line, from the lines each site got (waiting for the boards): per
+  // site, the lines must be exactly the expected ones, in order, and no other site may have
+  // any; an empty result when they are not.
+  std::vector<double> line_times(
+      const std::vector<Line>& expected,
+      const std::function<std::vector<sim::ReceivedLine>(int site)>& linesOf) {
     std::map<int, size_t> perSite;
     for (const auto& line : expected) ++perSite[line.site];
+    for (auto [site, count] : perSite) boards_.site(site).wait_lines(count, 2);
     std::map<int, std::vector<sim::ReceivedLine>> got;
-    for (auto [site, count] : perSite) {
-      boards_.site(site).wait_lines(count, 2);
-      got[site] = boards_.site(site).lines();
-    }
-    for (auto* board : boards_.all()) {
-      if (!perSite.count(board->site()) && !board->lines().empty()) return {};
+    for (int site = 1; site <= 8; ++site) {
+      got[site] = linesOf(site);
+      if (got[site].size() != perSite[site]) return {};
     }
     std::map<int, size_t> next;
     std::vector<double> times;
     for (const auto& line : expected) {
-      auto& received = got[line.site];
-      const size_t i = next[line.site]++;
-      if (i >= received.size() || received[i].text != line.text) return {};
-      times.push_back(received[i].time);
-    }
-    for (auto [site, count] : perSite) {
-      if (got[site].size() != count) return {};
+      const auto& received = got[line.site][next[line.site]++];
+      if (received.text != line.text) return {};
+      times.push_back(received.time);
     }
     return times;
   }
 
   static void print_commands(const Sequence& sequence, const Measured& m) {
     for (size_t i = 0; i < sequence.lines.size(); ++i) {
-      const auto& gaps = m.gaps[i];
+      const auto& gaps = m.gaps[AtCall][i];
       if (gaps.empty()) continue;
       const std::string text = strip(sequence.lines[i].text);
       std::printf("    site %d %-28s pause %.3f  gap median %.4f  shortest %.4f\n",
@@ -626,6 +655,50 @@ class Bench {
         "press cycle waiting %.2f s: calling thread %.1f ms CPU (%.2f%%), whole process "
         "with the virtual fixture %.1f ms\n",
         wall, thread * 1e3, 100 * thread / wall, process * 1e3);
+  }
+
+  // Every site's power and boot-mode sequences (force DFU on, then DUT power off): one site after
+  // another, then the eight at once, each from its own thread. The floor is the longest single
+  // site's sum of pauses; the lines on every wire must be the same both ways.
+  void parallel_sites() {
+    const auto site_work = [this](int site) {
+      FixtureController* h = controllers_[site > 4 ? 1 : 0];
+      set_force_dfu(h, 0, (site - 1) % 4 + 1);
+      set_dut_power(h, 1, (site - 1) % 4 + 1);
+    };
+    double floor = 0;
+    std::vector<Line> lines[9];
+    for (int site = 1; site <= 8; ++site) {
+      lines[site] = join({boot_lines(Boot::Dfu, site, true), dut_power_off_lines(site)});
+      lines[site][lines[site].size() - 3].pause += S;  // the boot sequence's last pause
+      floor = std::max(floor, planned_of({"", nullptr, lines[site], L, nullptr, false}));
+    }
+    int differ = 0;
+    const auto check_wires = [&] {
+      for (int site = 1; site <= 8; ++site) {
+        std::vector<std::string> texts;
+        for (const auto& line : sim::write_tap::lines(site - 1)) texts.push_back(line.text);
+        bool same = texts.size() == lines[site].size();
+        for (size_t i = 0; same && i < texts.size(); ++i) same = texts[i] == lines[site][i].text;
+        differ += !same;
+      }
+      sim::write_tap::clear();
+    };
+    sim::write_tap::watch(DIO_fileDescriptor);
+    sim::write_tap::clear();
+    double start = sim::now();
+    for (int site = 1; site <= 8; ++site) site_work(site);
+    const double sequential = sim::now() - start;
+    check_wires();
+    start = sim::now();
+    std::vector<std::thread> threads;
+    for (int site = 1; site <= 8; ++site) threads.emplace_back(site_work, site);
+    for (auto& t : threads) t.join();
+    const double parallel = sim::now() - start;
+    check_wires();
+    std::printf(
+        "parallel: 8 sites, power+boot %.2f s sequential, %.2f s parallel, %.1fx, floor %.2f s%s\n",
+        sequential, parallel, sequential / parallel, floor, differ ? "  LINES DIFFER" : "");
   }
 
   sim::Testbed bed_;

@@ -4,19 +4,40 @@
  * One C header for the whole public API of libBrakwell. Usable from C (C99 or later) and C++.
  *
  * Threads: every call runs to its end on the caller's thread, and every pause is a sleep of that
- * thread. The process-wide tables below are not guarded: the host must not overlap calls that
- * touch the same site, well or module. The one exception is the Apple-device tracker, whose
- * arrivals and removals come from the library's USB event thread; the library guards its lists
- * with one lock of its own. A host that reads g_pListAppleDev or g_ListUutLocationID directly
- * may see them change as it reads, and must neither free a record nor keep its pointer: a
- * record lives only until its device leaves.
+ * thread. What may overlap, call by call:
+ * - Calls on different sites may run at the same time from different threads, and so may calls
+ *   on the two wells. Each board port is used by one call at a time: a command's write, and a
+ *   status query's write, 0.3 s wait and parse, stay together; a second call on the same port
+ *   waits its turn, so its pauses may come late, never early. The well-wide calls (every call
+ *   that takes a well, and the handle calls without a site) go through the well's sites and
+ *   take their turns on those ports; the press and every sensor test use the first site's.
+ * - A press cycle and the sensor tests of the same well may overlap without harm to either's
+ *   answers, but they then take turns on one port: each query waits for the one before it.
+ * - Must not overlap any other call: station start and stop (SOC_Start, SOC_Done,
+ *   create_fixture_controller, listSerialPorts, matchDIO_UART, openDIO_UARTForWell1/2,
+ *   CloseDIOSerialPort).
+ * - A DIO module is used by one thread at a time (every call taking that module's index); the
+ *   two modules may be used from two threads.
+ * - The USB lists' writers (enumUsbForLocationID, getUSBLocationForUART, getUSBLocationForMCU,
+ *   addToUartLocationIDList, usbDeviceConnStatus, usbDeviceRemoveAll) run one at a time, and
+ *   not while the host reads mutableUSBDeviceName or g_ListUartLocationID.
+ * - SOC_SendCtrlAltZ and SOC_SendCtrlAltY may be called from any thread: chords never mix and
+ *   there is one virtual keyboard. Log lines come whole from any thread.
+ * - A receive area (DIORS232Buff, SOC_Read, getDIORdBuff) belongs to its site: read it only
+ *   while no call on that site runs.
+ * The Apple-device tracker's arrivals and removals come from the library's USB event thread; the
+ * library guards its lists with one lock of its own. A host that reads g_pListAppleDev or
+ * g_ListUutLocationID directly may see them change as it reads, and must neither free a record
+ * nor keep its pointer: a record lives only until its device leaves.
  *
  * Texts: a `const char *` result is never freed or changed by the host. Static texts ("error",
  * "UNKNOWN", the vendor and version texts) live as long as the library; a text made at call time
  * stays valid until the same function is next called on the same thread. Copy it to keep it.
  *
  * Log: one line per action goes to syslog (LOG_USER, LOG_NOTICE). Set BRAKWELL_LOG=stderr
- * before the first line is written to mirror every line to standard error.
+ * before the first line is written to mirror every line to standard error. In the log only, text
+ * that came from a device (USB strings) has its control characters written as \xNN; the texts
+ * handed to the host stay as read.
  */
 #ifndef BRAKWELL_H
 #define BRAKWELL_H
@@ -181,8 +202,14 @@ BRAKWELL_API bool is_board_detected(FixtureController* handle, int site);
 
 /* ---------------------------------------------------------------------------------------------
  * Station control. UUT indexes are 0-based (0-3 first well, 4-7 second); results are true
- * when the command was written in full. An index outside 0-7 is a failed write. Each one-site
- * command blocks only for its write; the waits of the others are given with them.
+ * when the command was written in full. Each one-site command blocks only for its write; the
+ * waits of the others are given with them. An index outside 0-7 writes nothing: the call logs as
+ * usual with the index + 1 and its failure message, and returns false (SOC_Set_VBatt still logs
+ * its success message; SOC_Hi5EnterDiag and SOC_Hi5EnterRecovery try and fail both writes);
+ * SOC_Read answers NULL; SOC_GetWellIndex answers 0 when one well was found, else 1 for any
+ * index above 3 and 0 for the rest. SOC_ResultLed alone folds first: any index above 3 is taken
+ * as index - 4, so 4-7 light sites 1-4 and 8-11 light sites 5-8; its outcome line names the
+ * folded index + 1, and an index below 0 or above 11 is a failed write as above.
  * ------------------------------------------------------------------------------------------- */
 BRAKWELL_API extern uint32_t g_WellNumber;
 BRAKWELL_API extern uint32_t g_SlotNumber;
@@ -262,7 +289,9 @@ BRAKWELL_API void SOC_SendCtrlAltZ(void);
 BRAKWELL_API void SOC_SendCtrlAltY(void);
 
 /* ---------------------------------------------------------------------------------------------
- * Fixture board link: serial discovery, per-UUT port table, command writer, status query.
+ * Fixture board link: serial discovery, per-UUT port table, command writer, status query. A UUT
+ * index outside 0-7 touches nothing and logs nothing: writes and opens answer false, queries -1
+ * (queryFixtureStatusForWell1 still logs its query line), getDIORdBuff NULL.
  * ------------------------------------------------------------------------------------------- */
 BRAKWELL_API extern char DIO_SerialDevice[BRAKWELL_UUT_COUNT][BRAKWELL_PATH_SLOT];
 BRAKWELL_API extern char DIO_UUTSerialDevice[BRAKWELL_UUT_COUNT][BRAKWELL_PATH_SLOT];

@@ -107,8 +107,14 @@ std::string sys_path_of(const std::string& portPath) {
 struct Record {
   std::string text;
   explicit Record(const std::string& sysPath) : text("P: " + sysPath + "\n") {}
+  // Ends the value with the newline the kernel gives it. A text with a control character (a
+  // device forging lines) cannot stand on one record line; umockdev takes it in hexadecimal.
   Record& attr(const std::string& name, const std::string& value) {
-    text += "A: " + name + "=" + value + "\\n\n";
+    const bool plain = std::all_of(value.begin(), value.end(),
+                                   [](char c) { return static_cast<unsigned char>(c) >= 0x20; });
+    std::vector<uint8_t> bytes(value.begin(), value.end());
+    bytes.push_back('\n');
+    text += plain ? "A: " + name + "=" + value + "\\n\n" : "H: " + name + "=" + hex(bytes) + "\n";
     return *this;
   }
   Record& env(const std::string& name, const std::string& value) {

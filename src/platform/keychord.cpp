@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <initializer_list>
+#include <mutex>
 
 #include "platform/sleep.h"
 
@@ -20,6 +21,10 @@ constexpr double kNewDeviceSettle = 0.2;
 // Never destroyed: the kernel removes the device when the process ends, and tearing it down
 // from a static destructor could outlive whatever serves /dev/uinput.
 libevdev_uinput* keyboard = nullptr;
+
+// Both wells may post at once: one lock over making the keyboard and over each whole chord, so
+// that there is one keyboard and no chord's keys come between another's.
+std::mutex chordMutex;
 
 const char* make_keyboard() {
   libevdev* dev = libevdev_new();
@@ -49,6 +54,7 @@ int key(unsigned code, int value) {
 }  // namespace
 
 const char* post_control_alt_chord(ChordLetter letter) {
+  std::lock_guard lock(chordMutex);
   if (!keyboard) {
     if (const char* why = make_keyboard()) return why;
   }

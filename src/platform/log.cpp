@@ -77,6 +77,22 @@ void log(const char* format, ...) {
   deliver(true, text);
 }
 
+std::string device_text(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7F) {
+      out += c;
+      continue;
+    }
+    char escaped[5];
+    std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+    out += escaped;
+  }
+  return out;
+}
+
 void print(const char* format, ...) {
   va_list args;
   va_start(args, format);

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <string>
 
 #include "common/numbers.h"
@@ -38,13 +39,17 @@ constexpr double kReplyWait = 0.3;
 double now() { return brakwell::platform::monotonic_seconds(); }
 
 int query_status(int uut, const char* name) {
-  // Input that arrived outside a query's wait (a late reply to an earlier one) is stale.
-  if (brakwell::link::valid_uut(uut) && DIO_fileDescriptor[uut] != -1) {
-    tcflush(DIO_fileDescriptor[uut], TCIFLUSH);
+  int status = -1;
+  {
+    const auto port = brakwell::link::hold_port(uut);
+    // Input that arrived outside a query's wait (a late reply to an earlier one) is stale.
+    if (brakwell::link::valid_uut(uut) && DIO_fileDescriptor[uut] != -1) {
+      tcflush(DIO_fileDescriptor[uut], TCIFLUSH);
+    }
+    if (!brakwell::link::write_held(uut, kStatusQuery, sizeof kStatusQuery - 1)) return -1;
+    brakwell::link::collect_reply(uut, kReplyWait);
+    status = brakwell::link::parse_status_reply(DIORS232Buff[uut]);
   }
-  if (!write_line(uut, kStatusQuery)) return -1;
-  brakwell::link::collect_reply(uut, kReplyWait);
-  const int status = brakwell::link::parse_status_reply(DIORS232Buff[uut]);
   if (status < 0) return -1;
   log("VELMORA: %s UUT:%d, result:%d", name, uut + 1, status);
   return status;
@@ -107,6 +112,31 @@ void press_move(int well, const PressMove& move) {
 
 namespace brakwell::link {
 
+std::unique_lock<std::mutex> hold_port(int uut) {
+  static std::mutex ports[BRAKWELL_UUT_COUNT];
+  return valid_uut(uut) ? std::unique_lock(ports[uut]) : std::unique_lock<std::mutex>();
+}
+
+bool refusing[BRAKWELL_UUT_COUNT];
+
+void clear_held(int uut) {
+  if (valid_uut(uut)) std::memset(DIORS232Buff[uut], 0, BRAKWELL_RX_AREA);
+}
+
+bool write_held(int uut, const char* buf, int len) {
+  if (!valid_uut(uut)) return false;
+  clear_held(uut);
+  const int fd = DIO_fileDescriptor[uut];
+  if (fd == -1) return false;
+  if (len == 0) return true;
+  if (!buf || len < 0) return false;  // nothing that could be sent
+  const bool whole = write(fd, buf, static_cast<size_t>(len)) == len;
+  refusing[uut] = !whole;
+  if (whole) return true;
+  log("k != nlen");
+  return false;
+}
+
 void collect_reply(int uut, double seconds) {
   const double deadline = now() + seconds;
   char* area = DIORS232Buff[uut];
@@ -148,25 +178,20 @@ int parse_status_reply(const char* text) {
   const long length = marker - equals - 2;
   if (length <= 0) return -1;
   const std::string digits(equals + 1, static_cast<size_t>(length));
-  return static_cast<int>(brakwell::leading_number(digits.c_str(), 2) & brakwell::station::kStatusBits);
+  return static_cast<int>(brakwell::leading_number(digits.c_str(), 2) &
+                          brakwell::station::kStatusBits);
 }
 
 }  // namespace brakwell::link
 
 extern "C" bool DIORS232Write(int uut, const char* buf, int len) {
-  if (!brakwell::link::valid_uut(uut)) return false;
-  ClearDIORS232Buff(uut);
-  const int fd = DIO_fileDescriptor[uut];
-  if (fd == -1) return false;
-  if (len == 0) return true;
-  if (!buf || len < 0) return false;  // nothing that could be sent
-  if (write(fd, buf, static_cast<size_t>(len)) == len) return true;
-  log("k != nlen");
-  return false;
+  const auto port = brakwell::link::hold_port(uut);
+  return brakwell::link::write_held(uut, buf, len);
 }
 
 extern "C" void ClearDIORS232Buff(int uut) {
-  if (brakwell::link::valid_uut(uut)) std::memset(DIORS232Buff[uut], 0, BRAKWELL_RX_AREA);
+  const auto port = brakwell::link::hold_port(uut);
+  brakwell::link::clear_held(uut);
 }
 
 extern "C" char* getDIORdBuff(int uut) {

@@ -39,9 +39,12 @@ void copy_text(char (&slot)[N], const char* text) {
 
 bool open_port(const char* caller, int uut) {
   if (!brakwell::link::valid_uut(uut)) return false;
-  if (DIO_fileDescriptor[uut] != -1) CloseDIOSerialPort(uut);
+  CloseDIOSerialPort(uut);
   brakwell::platform::sleep_seconds(0.1);
-  const int fd = open(DIO_UUTSerialDevice[uut], O_RDWR | O_NOCTTY | O_NONBLOCK);
+  const auto port = brakwell::link::hold_port(uut);
+  // Non-blocking: a board that stopped reading makes a write come up short, never wait. Not
+  // inherited by the programs the host starts.
+  const int fd = open(DIO_UUTSerialDevice[uut], O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
   DIO_fileDescriptor[uut] = fd;
   log("VELMORA: %s, DIO_fileDescriptor[%d] = %d", caller, uut + 1, fd);
   if (fd == -1) return false;
@@ -118,8 +121,14 @@ extern "C" bool openDIO_UARTForWell1(int uut) { return open_port("openDIO_UARTFo
 extern "C" bool openDIO_UARTForWell2(int uut) { return open_port("openDIO_UARTForWell2", uut); }
 
 extern "C" void CloseDIOSerialPort(int uut) {
+  const auto port = brakwell::link::hold_port(uut);
   if (!brakwell::link::valid_uut(uut) || DIO_fileDescriptor[uut] == -1) return;
-  ClearDIORS232Buff(uut);
+  brakwell::link::clear_held(uut);
+  // A board that stopped taking its output must not hold up the close for the kernel's closing
+  // wait: its unsent output is dropped. Any other port keeps what was just written (SOC_Done
+  // closes right after the last site's command).
+  if (brakwell::link::refusing[uut]) tcflush(DIO_fileDescriptor[uut], TCOFLUSH);
+  brakwell::link::refusing[uut] = false;
   close(DIO_fileDescriptor[uut]);
   DIO_fileDescriptor[uut] = -1;
 }

@@ -13,6 +13,7 @@
 #include "platform/usb_context.h"
 
 using brakwell::platform::debug;
+using brakwell::platform::device_text;
 using brakwell::platform::log;
 namespace platform_usb = brakwell::platform::usb;
 
@@ -178,8 +179,9 @@ int enumUsbForLocationID(long vendorId, long productId) {
   for (libusb_device* device : *devices) {
     std::string name, serial;
     if (!read_name_and_serial(device, name, serial)) continue;
-    std::fprintf(stderr, "%s\n", serial.c_str());
-    log("UART Device added: DeviceName=%s Serial Number=%@", name.c_str(), serial.c_str());
+    std::fprintf(stderr, "%s\n", device_text(serial).c_str());
+    log("UART Device added: DeviceName=%s Serial Number=%@", device_text(name).c_str(),
+        device_text(serial).c_str());
     if (contains_ignoring_case(name, "CDC")) {
       names += name + ",";
       replace_device_name_text(names);

@@ -14,6 +14,7 @@
 #include "platform/usb_context.h"
 #include "usb/AppleDevices.h"
 
+using brakwell::platform::device_text;
 using brakwell::platform::log;
 namespace platform_usb = brakwell::platform::usb;
 
@@ -82,7 +83,8 @@ void arrival(intptr_t source, libusb_device* device) {
   record->deviceName = strdup(name.c_str());
   record->locationID = *location;
   addSelfToAppleDevList(record);  // listed or not, the device is remembered and watched
-  log("Apple Device added: DeviceName=%s locationID=0x%x", record->deviceName, record->locationID);
+  log("Apple Device added: DeviceName=%s locationID=0x%x", device_text(name).c_str(),
+      record->locationID);
   record->notification = nextNotification++;
   watches[record->notification] =
       Watch{source, libusb_get_bus_number(device), libusb_get_device_address(device), record};
@@ -172,8 +174,8 @@ void usbDeviceRemoval(void* refCon, struct libusb_device* service, uint32_t mess
   auto* record = static_cast<AppleDevRecord*>(refCon);
   if (messageType != kServiceIsTerminated || !record) return;
   std::lock_guard lock(trackerMutex);
-  log("Apple Device removed. Device Name:%@ locationID: 0x%x", record->deviceName,
-      record->locationID);
+  log("Apple Device removed. Device Name:%@ locationID: 0x%x",
+      device_text(record->deviceName ? record->deviceName : "(null)").c_str(), record->locationID);
   for (AppleDevRecord*& entry : g_pListAppleDev) {
     if (entry && entry->locationID == record->locationID) entry = nullptr;
   }

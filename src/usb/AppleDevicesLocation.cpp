@@ -15,6 +15,7 @@
 #include "platform/usb_context.h"
 #include "usb/AppleDevices.h"
 
+using brakwell::platform::device_text;
 using brakwell::platform::log;
 namespace platform_usb = brakwell::platform::usb;
 
@@ -148,7 +149,8 @@ const char* getUSBLocationForUART(long vendorId, long productId) {
   const bool enumerated =
       for_each_located(vendorId, productId, [&](const std::string& name, uint32_t location) {
         const std::string text = location_text(location);
-        log("UART Device added: DeviceName=%@ locationID=%@", name.c_str(), text.c_str());
+        log("UART Device added: DeviceName=%@ locationID=%@", device_text(name).c_str(),
+            text.c_str());
         if (const int slot = uart_slot(name)) slots[slot - 1] = text;
       });
   if (!enumerated) return "error";

@@ -1,0 +1,93 @@
+// A station's day: programs it starts, stalled boards, odd serial-number files, forged log lines.
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "support/station_fixture.h"
+#include "topology.h"
+
+namespace {
+
+using brakwell::platform::monotonic_seconds;
+
+using StationLife = testing_support::StationFixture;
+
+std::string fd_target(pid_t pid, int fd) {
+  std::error_code error;
+  const auto link = "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd);
+  return std::filesystem::read_symlink(link, error).string();
+}
+
+TEST_F(StationLife, NoPortReachesAProgramTheHostStarts) {
+  // Looked at once its exec is done: its descriptors are what a program the host starts holds.
+  const pid_t child = fork();
+  if (child == 0) {
+    execl("/bin/sleep", "sleep", "5", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  std::string comm;
+  for (int i = 0; i < 500 && comm != "sleep"; ++i) {
+    brakwell::platform::sleep_seconds(0.01);
+    std::ifstream("/proc/" + std::to_string(child) + "/comm") >> comm;
+  }
+  ASSERT_EQ(comm, "sleep");
+  for (int uut = 0; uut < 8; ++uut) {
+    const int fd = DIO_fileDescriptor[uut];
+    EXPECT_NE(fd_target(child, fd), fd_target(getpid(), fd)) << "UUT index " << uut;
+  }
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+}
+
+TEST_F(StationLife, SerialNumberFileThatIsNoPlainFile) {
+  const auto dir = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+  const std::string file = (dir / "FixtureSerialNumber.txt").string();
+  FixtureController h{0, 8, 2, 4};
+  // A FIFO must not hang the call, /dev/zero must not exhaust memory, a large file is not read.
+  const std::function<void()> makers[] = {
+      [&] { ASSERT_EQ(mkfifo(file.c_str(), 0600), 0); },
+      [&] { ASSERT_EQ(symlink("/dev/zero", file.c_str()), 0); },
+      [&] { std::ofstream(file) << std::string(5000, '7'); },
+  };
+  for (const auto& make : makers) {
+    std::remove(file.c_str());
+    make();
+    log.clear();
+    EXPECT_STREQ(get_serial_number(&h), "UNKNOWN");
+    EXPECT_TRUE(log.has("Invalid Fixture Serial Number File"));
+  }
+  std::remove(file.c_str());
+}
+
+TEST_F(StationLife, DeviceStringsCannotForgeLogLines) {
+  const std::string name = "CDC\nVELMORA: forged\x1b[2J\x7F";
+  bus->add({sim::site_port_path(1, 4), 0x1234, 0x5678, name, "SN\r1", 0, {}});
+  ASSERT_EQ(enumUsbForLocationID(0x1234, 0x5678), 0);
+  EXPECT_EQ(log.syslog(), std::vector<std::string>{"UART Device added: DeviceName=CDC\\x0aVELMORA: "
+                                                   "forged\\x1b[2J\\x7f Serial Number=SN\\x0d1"});
+  EXPECT_EQ(std::string(getUSBDeviceName()), name + ",");  // the host gets it as read
+}
+
+// Runs last: it stops the station and starts it again. (A pseudo-terminal has no closing wait to
+// show; on a CDC-ACM port a full queue would hold each close for up to 30 s.)
+TEST_F(StationLife, StopWithStalledBoardsTakesOnlyItsPauses) {
+  for (auto* b : boards->all()) b->stop_reading();
+  const std::string chunk(1000, 'x');
+  for (int uut = 0; uut < 8; ++uut) {
+    while (DIORS232Write(uut, chunk.c_str(), 1000)) continue;  // until its queue is full
+  }
+  const double start = monotonic_seconds();
+  SOC_Done();
+  const double elapsed = monotonic_seconds() - start;
+  EXPECT_GE(elapsed, 8 * 0.2);
+  EXPECT_LT(elapsed, 8 * 0.2 + 0.1);
+  for (auto* b : boards->all()) b->resume_reading();
+  ASSERT_TRUE(SOC_Start());
+  expect_working();
+}
+
+}  // namespace

@@ -2,6 +2,7 @@
 //   fixturesim [options] -- PROGRAM [ARGS...]
 // The program sees the fixture through umockdev's preload; fixturesim runs itself under
 // umockdev-wrapper when it is not already, and exits with the program's status.
+#include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
 #include <spawn.h>
@@ -53,9 +54,9 @@ class JsonConfig : public CLI::Config {
     try {
       input >> j;
     } catch (const nlohmann::json::exception& e) {
-      throw CLI::ConversionError("--config", std::string("not JSON: ") + e.what());
+      throw CLI::ValidationError("--config", std::string("not JSON: ") + e.what());
     }
-    if (!j.is_object()) throw CLI::ConversionError("--config", "the file must hold a JSON object");
+    if (!j.is_object()) throw CLI::ValidationError("--config", "the file must hold a JSON object");
     std::vector<CLI::ConfigItem> items;
     for (const auto& [key, value] : j.items()) {
       CLI::ConfigItem item;
@@ -122,16 +123,16 @@ sim::TimedFault timed(sim::TimedFault::Kind kind, const std::string& text,
   return {kind, whole(parts[0], lo, hi, option), seconds(parts[1], option)};
 }
 
-// An output file must be creatable or writable before the program runs.
+// An output file must be creatable or writable before the program runs: open it as the
+// program will, and take away what the test created.
 const CLI::Validator kWritable(
     [](std::string& path) -> std::string {
-      const std::string dir =
-          path.find('/') == std::string::npos ? "." : path.substr(0, path.rfind('/') + 1);
-      if (access(path.c_str(), F_OK) == 0 ? access(path.c_str(), W_OK) == 0
-                                          : access(dir.c_str(), W_OK) == 0) {
-        return "";
-      }
-      return "cannot write " + path + ": " + std::strerror(errno);
+      const bool existed = access(path.c_str(), F_OK) == 0;
+      const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+      if (fd < 0) return "cannot write " + path + ": " + std::strerror(errno);
+      close(fd);
+      if (!existed) unlink(path.c_str());
+      return "";
     },
     "FILE");
 
@@ -276,10 +277,10 @@ int parse(int argc, char** argv, Settings& s) {
       throw CLI::ValidationError("PROGRAM", "no PROGRAM to run (fixturesim [options] -- PROGRAM)");
     if (!s.serialNumber.empty()) {
       const std::string dir = program_directory(s.program[0]);
+      if (dir.empty()) throw CLI::ValidationError("--serial-number", "cannot find " + s.program[0]);
       s.serialFile = dir + "/FixtureSerialNumber.txt";
-      std::string file = s.serialFile;
-      if (dir.empty() || !kWritable(file).empty()) {
-        throw CLI::ValidationError("--serial-number", "cannot write " + s.serialFile);
+      if (!kWritable(s.serialFile).empty()) {
+        throw CLI::ValidationError("--serial-number", kWritable(s.serialFile));
       }
     }
   } catch (const CLI::ParseError& e) {

@@ -131,6 +131,7 @@ namespace fixturectl {
 
 // session: one command per line against the station started once.
 int run_session(Context& ctx, FILE* in) {
+  const int well = ctx.well;  // each line starts from the session's own --well
   int status = kOk;
   char* line = nullptr;
   size_t size = 0;
@@ -139,7 +140,7 @@ int run_session(Context& ctx, FILE* in) {
     text.erase(0, text.find_first_not_of(" \t\r\n"));
     if (text.empty() || text[0] == '#') continue;
     Invocation inv;
-    inv.well = ctx.well + 1;
+    inv.well = well + 1;
     auto app = make_app(inv);
     std::vector<std::string> words;
     try {
@@ -175,7 +176,9 @@ int cmd_session(Context& ctx, const Args& a) {
   if (in != stdin) std::fclose(in);
   // The session's own answer comes last; a failed command already answered for itself.
   ctx.out.begin("session");
-  return status;
+  if (status != kOk)
+    fail(status, "a command of the session failed (exit " + std::to_string(status) + ")");
+  return kOk;
 }
 
 }  // namespace fixturectl

@@ -1,7 +1,7 @@
 # Installs the Debian packages the build, the tests and the demo need, only those missing.
 brakwell_packages=(build-essential cmake pkg-config googletest libgtest-dev libgmock-dev
   umockdev libumockdev-dev libusb-1.0-0-dev libudev-dev libevdev-dev usbutils clang
-  libclang-rt-dev clang-format)
+  libclang-rt-dev clang-format libcli11-dev nlohmann-json3-dev sigrok-cli help2man bash-completion)
 
 brakwell_install_deps() {
   local missing=()

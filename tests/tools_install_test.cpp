@@ -49,11 +49,11 @@ TEST(Install, HostBuildsAgainstTheInstalledTreeAndRunsInTheFixture) {
   const auto install = run({"cmake", "--install", BRAKWELL_BINARY_DIR, "--prefix", prefix});
   ASSERT_EQ(install.status, 0) << install.out << install.err;
 
-  for (const char* file : {"include/Brakwell.h", "bin/fixturesim", "bin/fixturectl",
-                           "lib/udev/rules.d/70-brakwell.rules", "share/man/man1/fixturectl.1",
-                           "share/man/man1/fixturesim.1",
-                           "share/bash-completion/completions/fixturectl",
-                           "share/bash-completion/completions/fixturesim"}) {
+  for (const char* file :
+       {"include/Brakwell.h", "bin/fixturesim", "bin/fixturectl",
+        "lib/udev/rules.d/70-brakwell.rules", "share/man/man1/fixturectl.1",
+        "share/man/man1/fixturesim.1", "share/bash-completion/completions/fixturectl",
+        "share/bash-completion/completions/fixturesim"}) {
     EXPECT_TRUE(fs::exists(fs::path(prefix) / file)) << file;
   }
   const std::string pc = find_one(prefix, "brakwell.pc");

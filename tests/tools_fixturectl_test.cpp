@@ -158,6 +158,7 @@ TEST(Fixturectl, SessionAnswersEveryCommandInTheSchema) {
   EXPECT_EQ(answers[0]["ports"][7], Json::parse(R"({"site":8,"well":2,
             "port":"/dev/tty.usbmodemVEL_08_A1","open":true})"));
   EXPECT_EQ(answers[1]["usb_devices"].size(), 2u + 8 * 2);  // DIO modules, boards, UARTs
+  EXPECT_EQ(answers[1]["serial_ports"][0]["link"], "/dev/tty.usbmodemVEL_01_A1");
   EXPECT_EQ(answers[2]["exit"], 1);
   EXPECT_TRUE(answers[2]["status"].is_null());
   EXPECT_EQ(answers[4]["failed_sites"], Json::array());

@@ -1,12 +1,10 @@
 // fixturectl ports: what of the fixture is on USB, read from udev without starting the station,
 // so that it also works when a well is incomplete.
-#include <glob.h>
 #include <libudev.h>
-#include <limits.h>
-#include <stdlib.h>
 
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 
 #include "cli.h"
@@ -79,7 +77,10 @@ int cmd_ports(Context& ctx, const Args&) {
   std::vector<Row> usb;
   std::map<std::string, int> siteOfHub;  // a site's hub, from its UART bridge
   std::map<std::string, size_t> bySyspath;
-  std::vector<std::pair<std::string, std::string>> ttys;  // devnode, syspath
+  struct Tty {
+    std::string node, syspath, link;
+  };
+  std::vector<Tty> ttys;
   udev_list_entry* entry = nullptr;
   udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(e.get())) {
     const char* path = udev_list_entry_get_name(entry);
@@ -88,8 +89,15 @@ int cmd_ports(Context& ctx, const Args&) {
     if (!d) continue;
     const char* subsystem = udev_device_get_subsystem(d.get());
     if (subsystem && std::string(subsystem) == "tty") {
+      // The name the udev rule gives the port (/dev/tty.usbmodem<serial><n>), if any.
       const char* node = udev_device_get_devnode(d.get());
-      if (node) ttys.emplace_back(node, path);
+      const char* links = udev_device_get_property_value(d.get(), "DEVLINKS");
+      std::string link;
+      std::istringstream names(links ? links : "");
+      for (std::string name; names >> name;) {
+        if (name.find("usbmodem") != std::string::npos) link = name;
+      }
+      if (node) ttys.push_back({node, path, link});
       continue;
     }
     const char* type = udev_device_get_devtype(d.get());
@@ -123,28 +131,15 @@ int cmd_ports(Context& ctx, const Args&) {
   Json devices = Json::array();
   for (auto& row : usb) devices.push_back(row.json);
 
-  // Serial ports of those devices, with the names the udev rule gives them.
-  std::map<std::string, std::string> links;  // real device node -> /dev/tty.usbmodem… link
-  for (const char* pattern : {"/dev/tty.usbmodem*"}) {
-    glob_t g{};
-    if (glob(pattern, 0, nullptr, &g) == 0) {
-      for (size_t i = 0; i < g.gl_pathc; ++i) {
-        char real[PATH_MAX];
-        if (realpath(g.gl_pathv[i], real)) links[real] = g.gl_pathv[i];
-      }
-    }
-    globfree(&g);
-  }
   Json ports = Json::array();
-  for (const auto& [node, syspath] : ttys) {
+  for (const auto& [node, syspath, link] : ttys) {
     const Json* owner = nullptr;
     for (const auto& [devpath, index] : bySyspath) {
       if (syspath.rfind(devpath + "/", 0) == 0) owner = &devices[index];
     }
     if (!owner) continue;
-    const auto link = links.find(node);
     ports.push_back({{"path", node},
-                     {"link", link == links.end() ? Json() : Json(link->second)},
+                     {"link", text_or_null(link)},
                      {"id", (*owner)["id"]},
                      {"serial", (*owner)["serial"]},
                      {"site", (*owner)["site"]}});

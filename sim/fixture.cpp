@@ -144,9 +144,9 @@ void Fixture::strike(const TimedFault& fault) {
 namespace {
 
 // Every line of a site as the well model names it, then the counters and values it traces.
-const char* const kSiteLines[] = {
-    "vusb", "vbatt", "batt_supercap", "forcedfu", "uart",     "hi5",      "accid",    "accdet",
-    "ntc",  "gpio1", "gpio2",         "dfu_host", "pass_led", "fail_led", "vbatt_mv", "resets"};
+const char* const kSiteLines[] = {"vusb",  "vbatt",    "batt_supercap", "forcedfu", "uart",
+                                  "hi5",   "accid",    "accdet",        "ntc",      "gpio1",
+                                  "gpio2", "dfu_host", "pass_led",      "fail_led"};
 // The keys of the Run chords, by the code the keyboard traces ("key29=1").
 const std::map<std::string, std::string> kKeys = {
     {"key29", "ctrl"}, {"key56", "alt"}, {"key44", "z"}, {"key21", "y"}};
@@ -187,29 +187,35 @@ bool register_write(const std::string& frame, int* reg, int* value) {
 }  // namespace
 
 bool Fixture::write_vcd(const std::string& path) const {
+  // Fixed codes, so that a code means the same state on every site and in every file.
+  const Vcd::Format kUnit{false, {"none", "normal", "recovery", "dfu"}};
+  const Vcd::Format kHi5{false, {"none", "recovery", "diag"}};
+  const Vcd::Format kNumber{true, {}};
   Vcd vcd;
   for (int n : sites_) {
     const std::string scope = "site" + std::to_string(n);
     for (const char* name : {"board_usb", "uart_usb", "unit_usb"}) vcd.declare(scope, name, "0");
-    vcd.declare(scope, "unit", "none");
+    vcd.declare(scope, "unit", "none", kUnit);
     vcd.declare(scope, "unplugged", "0");
     vcd.declare(scope, "reading", "1");
     for (const char* line : kSiteLines) vcd.declare(scope, line, "0");
-    vcd.declare(scope, "hi5_mode", "none");
+    vcd.declare(scope, "vbatt_mv", "0", kNumber);
+    vcd.declare(scope, "resets", "0", kNumber);
+    vcd.declare(scope, "hi5_mode", "none", kHi5);
   }
   for (int w = 1; w <= 2; ++w) {
     if (!wells_[w - 1]) continue;
     const std::string scope = "well" + std::to_string(w);
     for (const char* name : {"button_a", "button_b", "run_led"}) vcd.declare(scope, name, "0");
-    vcd.declare(scope, "plate", "up");
-    vcd.declare(scope, "tray", "out");
+    vcd.declare(scope, "plate", "up", {false, {"up", "moving", "down"}});
+    vcd.declare(scope, "tray", "out", {false, {"out", "moving", "in"}});
   }
   for (const auto& [code, name] : kKeys) vcd.declare("keyboard", name, "0");
   for (int m = 0; m < 2; ++m) {
     if (!dio_[m]) continue;
     const std::string scope = "dio" + std::to_string(m);
     vcd.declare(scope, "usb", "0");
-    for (int r = 0; r <= 13; ++r) vcd.declare(scope, "reg" + std::to_string(r), "0");
+    for (int r = 0; r <= 13; ++r) vcd.declare(scope, "reg" + std::to_string(r), "0", kNumber);
   }
 
   for (const TraceEvent& e : bed_->trace_events()) {

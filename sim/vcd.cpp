@@ -65,13 +65,15 @@ bool Vcd::has(const std::string& scope, const std::string& name) const {
   return index_.count(scope + "\n" + name) != 0;
 }
 
-void Vcd::declare(const std::string& scope, const std::string& name, const std::string& initial) {
+void Vcd::declare(const std::string& scope, const std::string& name, const std::string& initial,
+                  Format format) {
   if (Signal* s = find(scope, name)) {
     s->initial = initial;
+    s->format = std::move(format);
     return;
   }
   index_[scope + "\n" + name] = signals_.size();
-  signals_.push_back(Signal{scope, name, initial, {}});
+  signals_.push_back(Signal{scope, name, initial, std::move(format), {}});
 }
 
 void Vcd::change(double time, const std::string& scope, const std::string& name,
@@ -145,18 +147,19 @@ bool Vcd::write(const std::string& path, double origin, const std::string& title
     e.id = vcd_id(i);
     std::vector<std::string> values{s.initial};
     for (const auto& [t, v] : s.changes) values.push_back(v);
-    bool bits = true, numbers = true;
+    bool bits = s.format.states.empty(), numbers = true;
     for (const auto& v : values) {
       long long n = 0;
       if (!whole_number(v, &n)) numbers = false;
       if (v != "0" && v != "1") bits = false;
     }
-    if (bits) continue;
-    if (numbers) {
+    if (bits && !s.format.integer) continue;
+    if (s.format.integer || (numbers && s.format.states.empty())) {
       e.integer = true;
       e.width = 32;
       continue;
     }
+    e.states = s.format.states;
     for (const auto& v : values) {
       if (std::find(e.states.begin(), e.states.end(), v) == e.states.end()) e.states.push_back(v);
     }
@@ -194,8 +197,8 @@ bool Vcd::write(const std::string& path, double origin, const std::string& title
       scope = s.scope;
       std::fprintf(f, "$scope module %s $end\n", scope.c_str());
     }
-    std::fprintf(f, "$var %s %d %s %s $end\n", enc[i].integer ? "integer" : "wire", enc[i].width,
-                 enc[i].id.c_str(), s.name.c_str());
+    std::fprintf(f, "$var %s %d %s %s.%s $end\n", enc[i].integer ? "integer" : "wire", enc[i].width,
+                 enc[i].id.c_str(), s.scope.c_str(), s.name.c_str());
   }
   if (!scope.empty()) std::fprintf(f, "$upscope $end\n");
   std::fprintf(f, "$upscope $end\n$enddefinitions $end\n#0\n$dumpvars\n");

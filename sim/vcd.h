@@ -31,12 +31,22 @@ class TraceFile {
 };
 
 // A waveform: signals in scopes, each with an initial value and changes over time. A signal's
-// values are texts; a signal whose values are all 0 and 1 is a one-bit wire, one whose values
-// are all whole numbers a 32-bit integer, and any other is a set of named states written as
-// their index (in order of first appearance), with the names in a comment of the header.
+// values are texts. Its format is fixed by its declaration where given: a 32-bit integer, or a
+// set of named states written as their index in that list, so that one code means one state in
+// every scope. Otherwise it is inferred: all 0 and 1 make a one-bit wire, all whole numbers an
+// integer, anything else named states in order of first appearance. The state names are in
+// comments of the header. Each variable is named "<scope>.<name>", since some readers (sigrok's
+// VCD input) drop the scopes and would see the sites' signals under one name.
+struct VcdFormat {
+  bool integer = false;
+  std::vector<std::string> states;  // codes 0, 1, 2...; values outside the list follow them
+};
+
 class Vcd {
  public:
-  void declare(const std::string& scope, const std::string& name, const std::string& initial);
+  using Format = VcdFormat;
+  void declare(const std::string& scope, const std::string& name, const std::string& initial,
+               Format format = {});
   // Ignored for a signal not declared, unless `declareIfNew`.
   void change(double time, const std::string& scope, const std::string& name,
               const std::string& value, bool declareIfNew = false);
@@ -47,6 +57,7 @@ class Vcd {
  private:
   struct Signal {
     std::string scope, name, initial;
+    Format format;
     std::vector<std::pair<double, std::string>> changes;
   };
   Signal* find(const std::string& scope, const std::string& name);

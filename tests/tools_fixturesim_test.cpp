@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include "tools_support.h"
 
@@ -13,18 +14,24 @@ const std::string kSim = BRAKWELL_FIXTURESIM;
 
 TEST(Fixturesim, ArgumentErrorsExitTwoAndSayWhy) {
   const std::pair<std::vector<std::string>, std::string> cases[] = {
-      {{}, "no PROGRAM to run (fixturesim [options] -- PROGRAM)"},
-      {{"true"}, "unknown option true (put -- before PROGRAM)"},
-      {{"--bogus", "--", "true"}, "unknown option --bogus"},
-      {{"--wells", "3", "--", "true"}, "--wells must be 1-2, not '3'"},
-      {{"--wells"}, "--wells needs a value"},
-      {{"--missing", "2-9", "--", "true"}, "--missing site must be 1-8, not '9'"},
+      {{}, "PROGRAM: no PROGRAM to run (fixturesim [options] -- PROGRAM)"},
+      {{"true"}, "The following argument was not expected: true"},
+      {{"--bogus", "--", "true"}, "The following argument was not expected: --bogus"},
+      {{"--wells", "3", "--", "true"}, "--wells: Value 3 not in range 1 to 2"},
+      {{"--missing", "2-9", "--", "true"}, "--missing: must be 1-8, not '9'"},
       {{"--missing", "4-2", "--", "true"}, "--missing: range 4-2 runs backwards"},
-      {{"--unplug", "3", "--", "true"}, "--unplug takes TARGET@SECONDS, not '3'"},
+      {{"--unplug", "3", "--", "true"}, "--unplug: takes TARGET@SECONDS, not '3'"},
       {{"--unplug", "3@soon", "--", "true"}, "--unplug: 'soon' is not a number of seconds"},
-      {{"--dio-gone", "2@1", "--", "true"}, "--dio-gone target must be 0-1, not '2'"},
-      {{"--dio-status", "0:300", "--", "true"}, "--dio-status byte must be 0-255, not '300'"},
-      {{"--garble", "0", "--", "true"}, "--garble must be 1-2, not '0'"},
+      {{"--dio-gone", "2@1", "--", "true"}, "--dio-gone: must be 0-1, not '2'"},
+      {{"--dio-status", "0:300", "--", "true"}, "--dio-status: must be 0-255, not '300'"},
+      {{"--garble", "0", "--", "true"}, "--garble: Value 0 not in range 1 to 2"},
+      {{"--vcd", "/nonexistent/w.vcd", "--", "true"},
+       "--vcd: cannot write /nonexistent/w.vcd: No such file or directory"},
+      {{"--trace", "/proc/t", "--", "true"},
+       "--trace: cannot write /proc/t: No such file or directory"},
+      {{"--serial-number", "X", "--", "/nonexistent/p"},
+       "--serial-number: cannot find /nonexistent/p"},
+      {{"--config", "/nonexistent", "--", "true"}, "--config: File does not exist: /nonexistent"},
   };
   for (const auto& [args, message] : cases) {
     std::vector<std::string> argv{kSim};
@@ -37,6 +44,7 @@ TEST(Fixturesim, ArgumentErrorsExitTwoAndSayWhy) {
   const auto help = run({kSim, "--help"});
   EXPECT_EQ(help.status, 0);
   EXPECT_NE(help.out.find("usage: fixturesim [options] -- PROGRAM [ARGS...]"), std::string::npos);
+  EXPECT_EQ(run({kSim, "--version"}).out, "fixturesim 4.1.0\n");
 }
 
 TEST(Fixturesim, ExitsWithTheProgramsStatus) {
@@ -90,10 +98,23 @@ TEST(Fixturesim, SaysWhatItBuiltAndWhereItsFilesAre) {
             std::string::npos);
   EXPECT_NE(tools_test::read_file(dir / "t.trace").find("usb       1-4=add"), std::string::npos);
   EXPECT_TRUE(tools_test::read_vcd(dir / "w.vcd").ok);
+}
 
-  const auto unwritable = run({kSim, "--quiet", "--trace", "/nonexistent/t", "--", "true"});
-  EXPECT_EQ(unwritable.status, 2);
-  EXPECT_NE(unwritable.err.find("cannot write /nonexistent/t"), std::string::npos);
+// Every option from a JSON file, the command line winning; the serial number where the host
+// reads it, for the program's run only.
+TEST(Fixturesim, ConfigFileAndSerialNumber) {
+  tools_test::ScratchDir dir;
+  std::ofstream(dir / "fixture.json") << R"({"wells": 1, "missing": "3", "quiet": true,
+      "unplug": ["2@0"], "trace": ")" << (dir / "t.trace")
+                                      << R"(", "serial-number": "FX-7"})";
+  std::filesystem::copy_file("/bin/sh", dir / "sh");
+  const auto ran = run({kSim, "--config", dir / "fixture.json", "--missing", "4", "--", dir / "sh",
+                        "-c", "cat " + dir / "FixtureSerialNumber.txt" + "; ls /dev | grep VEL"});
+  EXPECT_EQ(ran.out, "FX-7tty.usbmodemVEL_01_A1\ntty.usbmodemVEL_02_A1\ntty.usbmodemVEL_03_A1\n");
+  EXPECT_EQ(ran.err.find("fixturesim:"), std::string::npos) << ran.err;
+  EXPECT_NE(tools_test::read_file(dir / "t.trace").find("site2     unplugged=1"),
+            std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(dir / "FixtureSerialNumber.txt"));
 }
 
 }  // namespace

@@ -54,7 +54,9 @@ TEST(Install, HostBuildsAgainstTheInstalledTreeAndRunsInTheFixture) {
   for (const char* file :
        {"include/Brakwell.h", "bin/fixturesim", "bin/fixturectl",
         "lib/udev/rules.d/60-brakwell.rules", "lib/udev/rules.d/70-brakwell-access.rules",
-        "lib/sysusers.d/brakwell.conf"}) {
+        "lib/sysusers.d/brakwell.conf", "share/man/man1/fixturectl.1",
+        "share/man/man1/fixturesim.1", "share/bash-completion/completions/fixturectl",
+        "share/bash-completion/completions/fixturesim"}) {
     EXPECT_TRUE(fs::exists(fs::path(prefix) / file)) << file;
   }
   const std::string pc = find_one(prefix, "brakwell.pc");

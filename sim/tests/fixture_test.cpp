@@ -122,14 +122,14 @@ TEST(VirtualUnits, BootModeFollowsTheLinesAtPowerUp) {
   ASSERT_TRUE(vcd.ok);
   EXPECT_EQ(vcd.timescale, "1us");
   for (int n = 1; n <= 4; ++n) {
-    const std::string site = "fixture.site" + std::to_string(n) + ".";
+    const std::string site = "fixture.site" + std::to_string(n) + ".site" + std::to_string(n) + ".";
     ASSERT_TRUE(vcd.vars.count(site + "board_usb")) << site;
     EXPECT_EQ(vcd.vars.at(site + "board_usb").values.back().second, "1");
   }
-  const auto& unit = vcd.vars.at("fixture.site2.unit");
+  const auto& unit = vcd.vars.at("fixture.site2.site2.unit");
   EXPECT_EQ(unit.width, 2);  // none, normal, dfu, recovery
   EXPECT_GE(unit.values.size(), 2 * std::size(cases));
-  const auto& unitUsb = vcd.vars.at("fixture.site2.unit_usb").values;
+  const auto& unitUsb = vcd.vars.at("fixture.site2.site2.unit_usb").values;
   EXPECT_EQ(unitUsb.front().second, "0");
   EXPECT_EQ(unitUsb.back().second, "1");
 }
@@ -193,15 +193,15 @@ TEST(TraceAndVcd, WritersKeepTimesAndValues) {
   const auto file = tools_test::read_vcd(dir / "w.vcd");
   ASSERT_TRUE(file.ok);
   ASSERT_EQ(file.vars.size(), 4u);
-  const auto& led = file.vars.at("fixture.site1.pass_led");
+  const auto& led = file.vars.at("fixture.site1.site1.pass_led");
   EXPECT_EQ(led.type, "wire");
   EXPECT_EQ(led.width, 1);
   EXPECT_EQ(led.values, (std::vector<std::pair<long long, std::string>>{{0, "0"}, {500000, "1"}}));
-  const auto& mv = file.vars.at("fixture.site1.vbatt_mv");
+  const auto& mv = file.vars.at("fixture.site1.site1.vbatt_mv");
   EXPECT_EQ(mv.type, "integer");
   EXPECT_EQ(mv.width, 32);
   EXPECT_EQ(mv.values.back(), (std::pair<long long, std::string>{1000000, "b1000000000100"}));
-  const auto& plate = file.vars.at("fixture.well1.plate");  // states up, moving, down
+  const auto& plate = file.vars.at("fixture.well1.well1.plate");  // states up, moving, down
   EXPECT_EQ(plate.width, 2);
   EXPECT_EQ(plate.values, (std::vector<std::pair<long long, std::string>>{
                               {0, "b0"}, {250000, "b1"}, {750000, "b10"}}));

@@ -1,4 +1,5 @@
 // fixturectl demo: one narrated station cycle that drives every family of calls.
+#include <atomic>
 #include <chrono>
 #include <cstdarg>
 #include <map>
@@ -12,6 +13,21 @@ namespace fixturectl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+std::string hex(unsigned value) {
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "0x%x", value);
+  return buf;
+}
+
+Json or_null(const std::string& s) { return s == "-" ? Json() : Json(s); }
+
+struct Mode {
+  const char* name;
+  int (*sequence)(FixtureController*, int, int);
+};
+const Mode kModes[] = {
+    {"DFU", set_force_dfu}, {"diagnostics", set_force_diags}, {"iBoot", set_force_iboot}};
 
 struct Site {
   int number = 0;  // 1-8
@@ -33,6 +49,10 @@ class Demo {
   std::vector<int> sites_of(int well) const;
   template <typename Fn>
   void each_well_at_once(Fn fn);
+  // Runs fn(site) for each site on its own thread and says how long that took against the
+  // sites one after another (the sum of each site's own time).
+  void each_site_at_once(const char* what, const std::vector<int>& sites,
+                         const std::function<void(int)>& fn);
   // Units on USB by location, once the library's event thread has taken `expected` of them.
   std::map<std::string, std::string> units(size_t expected);
   // Says which unit each site shows; `record` keeps it for the summary.
@@ -128,14 +148,6 @@ void Demo::start() {
   }
 }
 
-// The wells run side by side: calls on different wells may overlap, calls on one well may not.
-template <typename Fn>
-void Demo::each_well_at_once(Fn fn) {
-  std::vector<std::thread> threads;
-  for (int w : wells_) threads.emplace_back([&fn, w] { fn(w); });
-  for (auto& t : threads) t.join();
-}
-
 void Demo::init_wells() {
   step("init: every well to rest (LEDs off, plate up, tray out), both wells at once");
   int results[2] = {0, 0};
@@ -151,7 +163,7 @@ void Demo::press() {
   step("the operator's two-hand press");
   say("waiting for the operator to hold both buttons on every well...");
   bool done[2] = {false, false};
-  with_progress("  press cycle",
+  with_progress(ctx_.out, "  press cycle",
                 [&] { each_well_at_once([&](int w) { done[w] = PneumaticValveOn(w, 30.0f); }); });
   for (int w : wells_) {
     if (!done[w]) {
@@ -166,16 +178,51 @@ void Demo::press() {
   }
 }
 
-void Demo::power_up() {
-  step("power up every site");
-  for (long product : kUnitProducts) usbDeviceConnStatus(kAppleVendor, product);
-  size_t powered = 0;
-  for (int w : wells_) {
-    for (int s : sites_of(w)) {
-      if (set_dut_power(h(w), 0, s - w * 4) == 0) ++powered;
-    }
+template <typename Fn>
+void Demo::each_well_at_once(Fn fn) {
+  std::vector<std::thread> threads;
+  for (int w : wells_) threads.emplace_back([&fn, w] { fn(w); });
+  for (auto& t : threads) t.join();
+}
+
+void Demo::each_site_at_once(const char* what, const std::vector<int>& sites,
+                             const std::function<void(int)>& fn) {
+  std::vector<double> took(sites.size());
+  const auto start = Clock::now();
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < sites.size(); ++i) {
+    threads.emplace_back([&, i] {
+      const auto t0 = Clock::now();
+      fn(sites[i]);
+      took[i] = std::chrono::duration<double>(Clock::now() - t0).count();
+    });
   }
-  say("%zu site(s) powered through the Hi5 recovery request", powered);
+  for (auto& t : threads) t.join();
+  double sum = 0;
+  for (double t : took) sum += t;
+  const double wall = std::chrono::duration<double>(Clock::now() - start).count();
+  say("%s: %zu site(s) at once in %.2f s; one after another: %.2f s", what, sites.size(), wall,
+      sum);
+  Json& timing = ctx_.out.result()["timing"];
+  timing.push_back({{"step", what},
+                    {"sites", sites.size()},
+                    {"parallel_seconds", wall},
+                    {"sequential_seconds", sum}});
+}
+
+void Demo::power_up() {
+  step("power up every site, all at once");
+  for (long product : kUnitProducts) usbDeviceConnStatus(kAppleVendor, product);
+  std::vector<int> all;
+  for (int w : wells_) {
+    for (int s : sites_of(w)) all.push_back(s);
+  }
+  std::atomic<size_t> powered{0};
+  each_site_at_once("power up", all, [&](int s) {
+    const int w = s > 4 ? 1 : 0;
+    if (set_dut_power(h(w), 0, s - w * 4) == 0) ++powered;
+  });
+  say("%zu site(s) powered through the Hi5 recovery request", powered.load());
   step("units appearing at their USB locations");
   const std::string text = getUSBLocationForUART(0x0403, 0x6001);
   std::string field;
@@ -190,24 +237,27 @@ void Demo::power_up() {
     ++s;
   }
   say("unit locations from the UART bridges: %s", text.c_str());
-  show_units("after power-up", powered, false);
+  show_units("after power-up", powered.load(), false);
 }
 
 void Demo::boot_modes() {
   const int w = wells_[0];
   const auto sites = sites_of(w);
   if (sites.size() < 2) return;
-  step("boot modes");
-  const int dfu = sites[0], diags = sites[1];
-  say("site %d: force DFU", dfu);
-  set_force_dfu(h(w), 0, dfu - w * 4);
-  say("site %d: force diagnostics", diags);
-  set_force_diags(h(w), 0, diags - w * 4);
-  if (wells_.size() > 1 && sites_of(1).size() > 1) {
-    const int iboot = sites_of(1)[1];
-    say("site %d: force iBoot", iboot);
-    set_force_iboot(h(1), 0, iboot - 4);
+  step("boot modes, every site at once");
+  // DFU on the first site, diags on the second, iBoot on the second of the other well.
+  std::map<int, const Mode*> modes{{sites[0], &kModes[0]}, {sites[1], &kModes[1]}};
+  if (wells_.size() > 1 && sites_of(1).size() > 1) modes[sites_of(1)[1]] = &kModes[2];
+  std::vector<int> chosen;
+  for (const auto& [s, mode] : modes) {
+    say("site %d: force %s", s, mode->name);
+    chosen.push_back(s);
   }
+  each_site_at_once("boot modes", chosen, [&](int s) {
+    const int sw = s > 4 ? 1 : 0;
+    modes[s]->sequence(h(sw), 0, s - sw * 4);
+  });
+  const int dfu = sites[0];
   size_t expected = 0;
   for (int x : wells_) expected += sites_of(x).size();
   show_units("after the boot-mode sequences", expected, true);
@@ -287,20 +337,20 @@ void Demo::finish() {
 
 void Demo::summary() {
   Json table = Json::array();
+
   for (int s = 1; s <= 8; ++s) {
     if (!sites_[s].port) continue;
-    Json row = Json::object();
-    row["site"] = s;
-    row["well"] = s > 4 ? 2 : 1;
-    row["port"] = DIO_UUTSerialDevice[s - 1];
-    row["unit_location"] = sites_[s].location;
-    row["unit_after_boot"] = sites_[s].unit;
-    row["led"] = sites_[s].led;
-    table.push(std::move(row));
+    table.push_back(
+        {{"site", s},
+         {"well", s > 4 ? 2 : 1},
+         {"port", DIO_UUTSerialDevice[s - 1]},
+         {"unit_location",
+          sites_[s].location == "-" ? Json() : Json(std::stoull(sites_[s].location, nullptr, 16))},
+         {"unit_after_boot", or_null(sites_[s].unit)},
+         {"led", sites_[s].led}});
   }
   ctx_.out.say("");
   ctx_.out.result()["sites"] = std::move(table);
-  ctx_.out.result()["seconds"] = std::chrono::duration<double>(Clock::now() - start_).count();
 }
 
 int Demo::run() {
@@ -319,9 +369,6 @@ int Demo::run() {
 
 }  // namespace
 
-int run_demo(Context& ctx, const std::vector<std::string>& args) {
-  if (!args.empty()) usage_error("demo takes no arguments");
-  return Demo(ctx).run();
-}
+int run_demo(Context& ctx, const Args&) { return Demo(ctx).run(); }
 
 }  // namespace fixturectl

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "Brakwell.h"
+#include "platform/boundary.h"
 #include "platform/log.h"
 #include "platform/usb_context.h"
 
@@ -148,7 +149,7 @@ using namespace brakwell::usb;
 
 extern "C" {
 
-int enumUsbForLocationID(long vendorId, long productId) {
+int enumUsbForLocationID(long vendorId, long productId) try {
   auto devices = matching_devices(vendorId, productId);
   if (!devices) {
     log("enumUsbForLocationID - IOServiceMatching returned NULL.\n");
@@ -170,6 +171,8 @@ int enumUsbForLocationID(long vendorId, long productId) {
   }
   release_devices(*devices);
   return kind;
+} catch (...) {
+  return brakwell::platform::failed("enumUsbForLocationID", 0);
 }
 
 const char* getUSBDeviceName(void) {

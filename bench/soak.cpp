@@ -9,7 +9,6 @@
 // out of place.
 //
 //   brakwell_soak [--cycles N] [--reload N] [--library PATH]      (under umockdev-wrapper)
-#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -20,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <set>
@@ -69,50 +69,32 @@ struct Count {
   std::multiset<std::string> targets;  // of the descriptors counted, for a report of growth
 };
 
-long entries(const char* dir) {
-  long n = 0;
-  if (DIR* d = opendir(dir)) {
-    while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
-    closedir(d);
-  }
-  return n;
-}
-
-// Open descriptors, less the one that lists them and the listening sockets of the testbed's
-// device handlers (the virtual bus keeps one per device number it has used, up to 127).
-long open_descriptors(const std::string& testbedRoot, std::multiset<std::string>& targets) {
-  const std::string handlers = testbedRoot + "/ioctl/";
-  long n = -1;
-  if (DIR* d = opendir("/proc/self/fd")) {
-    while (dirent* e = readdir(d)) {
-      if (e->d_name[0] == '.') continue;
-      sockaddr_un address{};
-      socklen_t length = sizeof address;
-      const bool handler =
-          getsockname(std::atoi(e->d_name), reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
-          address.sun_family == AF_UNIX &&
-          std::strncmp(address.sun_path, handlers.c_str(), handlers.size()) == 0;
-      if (handler) continue;
-      ++n;
-      char target[256] = {};
-      if (readlink(("/proc/self/fd/" + std::string(e->d_name)).c_str(), target, sizeof target - 1) >
-          0) {
-        targets.insert(target);
-      }
-    }
-    closedir(d);
-  }
-  return n;
-}
-
+// Open descriptors (their targets), less the one that lists them and the listening sockets of
+// the testbed's device handlers (the virtual bus keeps one per device number used, up to 127).
 Count measure(const std::string& testbedRoot) {
-  long pages = 0, resident = 0;
+  Count count{};
+  const std::string handlers = testbedRoot + "/ioctl/";
+  for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+    sockaddr_un address{};
+    socklen_t length = sizeof address;
+    const int n = std::atoi(fd.path().filename().c_str());
+    if (getsockname(n, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+        std::strncmp(address.sun_path, handlers.c_str(), handlers.size()) == 0) {
+      continue;
+    }
+    std::error_code error;
+    count.targets.insert(std::filesystem::read_symlink(fd.path(), error).string());
+  }
+  count.fds = static_cast<long>(count.targets.size()) - 1;
+  for ([[maybe_unused]] const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    ++count.threads;
+  }
+  long pages = 0;
   if (FILE* f = std::fopen("/proc/self/statm", "r")) {
-    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+    if (std::fscanf(f, "%ld %ld", &pages, &count.rss) != 2) count.rss = 0;
     std::fclose(f);
   }
-  Count count{0, resident * sysconf(_SC_PAGESIZE), entries("/proc/self/task"), {}};
-  count.fds = open_descriptors(testbedRoot, count.targets);
+  count.rss *= sysconf(_SC_PAGESIZE);
   return count;
 }
 
@@ -227,16 +209,13 @@ class Soak {
     if (wait_until([&] { return listed() == want; }, 5)) return;
     const auto have = listed();
     for (uint32_t id : want) {
-      if (have.count(id) < want.count(id)) problem(lost_, cycle, "lost record " + hex(id));
+      if (have.count(id) < want.count(id))
+        problem(lost_, cycle, "lost record " + std::to_string(id));
     }
     for (uint32_t id : have) {
-      if (have.count(id) > want.count(id)) problem(ghosts_, cycle, "ghost record " + hex(id));
+      if (have.count(id) > want.count(id))
+        problem(ghosts_, cycle, "ghost record " + std::to_string(id));
     }
-  }
-  static std::string hex(uint32_t id) {
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%x", id);
-    return text;
   }
 
   bool start() {

@@ -34,8 +34,8 @@ namespace {
 constexpr long kApple = 0x05ac;
 constexpr int kReload = 50;            // cycles between reloads
 constexpr long kRssSlack = 512 << 10;  // the allocator moves whole pages as it reuses memory
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kJudgeRss = false;  // AddressSanitizer's quarantine keeps freed memory resident
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kJudgeRss = false;  // a sanitizer's quarantine and shadow keep memory resident
 #else
 constexpr bool kJudgeRss = true;
 #endif

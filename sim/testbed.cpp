@@ -72,6 +72,12 @@ std::vector<TraceEvent> Testbed::trace_events() const {
   return events_;
 }
 
+void Testbed::clear_trace() {
+  std::lock_guard lock(traceMutex_);
+  events_.clear();
+  events_.shrink_to_fit();
+}
+
 void Testbed::on_trace(std::function<void(const TraceEvent&)> listener) {
   std::lock_guard lock(traceMutex_);
   listeners_.push_back(std::move(listener));

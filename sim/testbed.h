@@ -41,6 +41,7 @@ class Testbed {
   // The trace: every piece appends, the trace and VCD writers read.
   void trace(const std::string& source, const std::string& what);
   std::vector<TraceEvent> trace_events() const;
+  void clear_trace();  // forgets the events so far (a long run keeps its memory flat)
   // Called (under no lock) for every event as it is traced; for live trace writers.
   void on_trace(std::function<void(const TraceEvent&)> listener);
 

@@ -2,11 +2,16 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <condition_variable>
 #include <deque>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
 
+#include "platform/boundary.h"
 #include "platform/log.h"
 
 namespace brakwell::platform::usb {
@@ -17,14 +22,23 @@ namespace {
 
 struct Watch {
   int id;
+  uint16_t vendor, product;
   HotplugHandler handler;
   libusb_hotplug_callback_handle handle = 0;
 };
 
+// Work handed to the event thread by run_on_event_thread; the caller waits for `done`.
+struct Task {
+  const std::function<void()>& body;
+  bool done = false, ran = false;  // under queueMutex
+};
+
 struct Event {
-  Watch watch;
-  libusb_device* device;  // referenced while queued
-  bool arrived;
+  HotplugHandler handler = nullptr;
+  int watch = 0;
+  libusb_device* device = nullptr;  // referenced while queued
+  bool arrived = false;
+  Task* task = nullptr;  // instead of a device event
 };
 
 // Function-local, made at first use: it is destroyed before the namespace-scope state of the
@@ -32,11 +46,15 @@ struct Event {
 struct State {
   std::mutex mutex;  // context, watches and thread
   libusb_context* ctx = nullptr;
-  std::vector<Watch*> watches;
+  // The process that made the context. A forked child shares the context's descriptors (and
+  // libusb's device monitor) with its parent: there the library releases nothing.
+  std::atomic<pid_t> owner{0};
+  std::vector<std::unique_ptr<Watch>> watches;
   int nextWatch = 1;
   std::thread thread;
   bool running = false;  // written under mutex, read by the event thread through stop
   std::mutex queueMutex;
+  std::condition_variable taskDone;
   std::deque<Event> queue;
   std::atomic<std::thread::id> threadId{};
   std::atomic<bool> stop{false};
@@ -50,17 +68,32 @@ State& state() {
   return s;
 }
 
+bool inherited(const State& s) {
+  const pid_t owner = s.owner.load();
+  return owner != 0 && owner != getpid();
+}
+
 // Inside libusb's event handling: only queue the work, never do USB I/O here.
 int LIBUSB_CALL hotplug_callback(libusb_context* ctx, libusb_device* device,
                                  libusb_hotplug_event event, void* user) {
   State& s = state();
+  const auto* watch = static_cast<const Watch*>(user);
   {
     std::lock_guard lock(s.queueMutex);
-    s.queue.push_back(Event{*static_cast<Watch*>(user), libusb_ref_device(device),
+    s.queue.push_back(Event{watch->handler, watch->id, libusb_ref_device(device),
                             event == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED});
   }
   if (std::this_thread::get_id() != s.threadId.load()) libusb_interrupt_event_handler(ctx);
   return 0;
+}
+
+void finish(State& s, Task* task, bool ran) {
+  {
+    std::lock_guard lock(s.queueMutex);
+    task->done = true;
+    task->ran = ran;
+  }
+  s.taskDone.notify_all();
 }
 
 void drain_queue(State& s) {
@@ -72,7 +105,15 @@ void drain_queue(State& s) {
       event = s.queue.front();
       s.queue.pop_front();
     }
-    if (!s.stop) event.watch.handler(event.watch.id, event.device, event.arrived);
+    if (event.task) {
+      const bool run = !s.stop;
+      if (run) guard("USB event thread", [&] { event.task->body(); });
+      finish(s, event.task, run);
+      continue;
+    }
+    if (!s.stop) {
+      guard("USB event thread", [&] { event.handler(event.watch, event.device, event.arrived); });
+    }
     libusb_unref_device(event.device);
   }
 }
@@ -87,6 +128,11 @@ void event_thread(libusb_context* ctx) {
 }
 
 void stop_all(State& s) {
+  if (inherited(s)) {
+    // A forked child: the thread is its parent's, and so are the context and the devices.
+    if (s.thread.joinable()) s.thread.detach();
+    return;
+  }
   if (std::this_thread::get_id() == s.threadId.load())
     return;  // a handler cannot end its own thread
   std::thread thread;
@@ -106,21 +152,26 @@ void stop_all(State& s) {
   }
   std::lock_guard lock(s.mutex);
   s.threadId = std::thread::id();
-  for (Watch* watch : s.watches) {
-    libusb_hotplug_deregister_callback(s.ctx, watch->handle);
-    delete watch;
-  }
+  for (auto& watch : s.watches) libusb_hotplug_deregister_callback(s.ctx, watch->handle);
   s.watches.clear();
+  std::deque<Event> left;
   {
     std::lock_guard queueLock(s.queueMutex);
-    for (auto& event : s.queue) libusb_unref_device(event.device);
-    s.queue.clear();
+    left.swap(s.queue);
+  }
+  for (auto& event : left) {
+    if (event.task) {
+      finish(s, event.task, false);
+    } else {
+      libusb_unref_device(event.device);
+    }
   }
   if (s.ctx) {
     for (ContextEndHook hook : s.endHooks) hook();
     libusb_exit(s.ctx);
   }
   s.ctx = nullptr;
+  s.owner = 0;
 }
 
 State::~State() { stop_all(*this); }
@@ -129,8 +180,15 @@ State::~State() { stop_all(*this); }
 
 libusb_context* context() {
   State& s = state();
+  if (inherited(s)) return nullptr;
   std::lock_guard lock(s.mutex);
-  if (!s.ctx && libusb_init(&s.ctx) != LIBUSB_SUCCESS) s.ctx = nullptr;
+  if (!s.ctx) {
+    if (libusb_init(&s.ctx) != LIBUSB_SUCCESS) {
+      s.ctx = nullptr;
+    } else {
+      s.owner = getpid();
+    }
+  }
   return s.ctx;
 }
 
@@ -220,27 +278,53 @@ int watch_devices(uint16_t vendor, uint16_t product, HotplugHandler handler) {
   if (!libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG)) return LIBUSB_ERROR_NOT_SUPPORTED;
   State& s = state();
   std::lock_guard lock(s.mutex);
-  auto* watch = new Watch{s.nextWatch, handler};
-  // No LIBUSB_HOTPLUG_ENUMERATE: the caller handles the devices already attached itself.
-  const int rc = libusb_hotplug_register_callback(
-      ctx, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT,
-      LIBUSB_HOTPLUG_NO_FLAGS, vendor, product, LIBUSB_HOTPLUG_MATCH_ANY, hotplug_callback, watch,
-      &watch->handle);
-  if (rc != LIBUSB_SUCCESS) {
-    delete watch;
-    return rc;
+  if (s.ctx != ctx) return LIBUSB_ERROR_OTHER;  // shut down meanwhile
+  for (const auto& watch : s.watches) {
+    if (watch->vendor == vendor && watch->product == product && watch->handler == handler) {
+      return watch->id;
+    }
   }
-  ++s.nextWatch;
-  s.watches.push_back(watch);
+  // The thread first: if it cannot start, nothing is left registered.
   if (!s.running) {
     s.stop = false;
-    s.running = true;
     s.thread = std::thread([ctx] {
       state().threadId = std::this_thread::get_id();
       event_thread(ctx);
     });
+    s.running = true;
   }
-  return watch->id;
+  auto watch = std::make_unique<Watch>(Watch{s.nextWatch, vendor, product, handler});
+  // No LIBUSB_HOTPLUG_ENUMERATE: the caller scans the devices already attached through
+  // run_on_event_thread, in order with the events.
+  const int rc = libusb_hotplug_register_callback(
+      ctx, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT,
+      LIBUSB_HOTPLUG_NO_FLAGS, vendor, product, LIBUSB_HOTPLUG_MATCH_ANY, hotplug_callback,
+      watch.get(), &watch->handle);
+  if (rc != LIBUSB_SUCCESS) return rc;
+  ++s.nextWatch;
+  s.watches.push_back(std::move(watch));
+  return s.watches.back()->id;
+}
+
+bool run_on_event_thread(const std::function<void()>& body) {
+  State& s = state();
+  if (on_event_thread()) {
+    body();
+    return true;
+  }
+  Task task{body};
+  {
+    std::lock_guard lock(s.mutex);
+    if (!s.running || inherited(s)) return false;
+    {
+      std::lock_guard queueLock(s.queueMutex);
+      s.queue.push_back(Event{.task = &task});
+    }
+    libusb_interrupt_event_handler(s.ctx);
+  }
+  std::unique_lock lock(s.queueMutex);
+  s.taskDone.wait(lock, [&] { return task.done; });
+  return task.ran;
 }
 
 bool on_event_thread() { return std::this_thread::get_id() == state().threadId.load(); }

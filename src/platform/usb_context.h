@@ -5,14 +5,16 @@
 #include <libusb.h>
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
 namespace brakwell::platform::usb {
 
 // The process's libusb context, made on first use (safe from any thread); nullptr when libusb
-// cannot start. It lives until the library is unloaded or the process exits; do not touch it
-// from static destructors.
+// cannot start, and in a forked child of the process that made it (which must leave libusb's
+// state, shared with its parent, alone). It lives until the library is unloaded or the process
+// exits; do not touch it from static destructors.
 libusb_context* context();
 
 // Bus number in bits 24-31, then one hexadecimal digit per tier from bits 20-23 down, zero
@@ -35,16 +37,21 @@ std::string utf16le_to_utf8(const unsigned char* text, size_t bytes);
 // Hotplug. `handler` runs on the library's event thread for every arrival or removal of a device
 // with these ids, outside libusb's event handling (so it may open the device and make
 // synchronous transfers), with a reference to the device held for the call. The thread starts
-// with the first watch. Returns a watch id (> 0) or a libusb error code (< 0).
+// with the first watch; a second watch of the same ids and handler is the first one again.
+// Returns a watch id (> 0) or a libusb error code (< 0); throws std::system_error when the
+// thread cannot be started.
 using HotplugHandler = void (*)(int watch, libusb_device* device, bool arrived);
 int watch_devices(uint16_t vendor, uint16_t product, HotplugHandler handler);
+// Runs `body` on the event thread after the events queued so far and before any later one, and
+// waits for it. False (body not run) when the thread is not running or stops first.
+bool run_on_event_thread(const std::function<void()>& body);
 // True when the caller is the event thread.
 bool on_event_thread();
 
 // Stops the event thread, drops every watch and ends the context; the next context() makes a
-// new one. Runs by itself when the library is unloaded or the process exits. Tests use it
-// between umockdev testbeds, since a context only hears the testbed that was current when it
-// was made.
+// new one. In a forked child it does nothing. Runs by itself when the library is unloaded or the
+// process exits. Tests use it between umockdev testbeds, since a context only hears the testbed
+// that was current when it was made.
 void shutdown();
 
 // Registers a function that gives back what its unit still holds on the context (open device

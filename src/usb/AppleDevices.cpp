@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "common/result_text.h"
+#include "platform/boundary.h"
 #include "platform/log.h"
 #include "platform/usb_context.h"
 
@@ -167,7 +168,7 @@ using namespace brakwell::usb;
 
 extern "C" {
 
-int enumUsbForLocationID(long vendorId, long productId) {
+int enumUsbForLocationID(long vendorId, long productId) try {
   auto devices = matching_devices(vendorId, productId);
   if (!devices) {
     log("enumUsbForLocationID - IOServiceMatching returned NULL.\n");
@@ -190,6 +191,8 @@ int enumUsbForLocationID(long vendorId, long productId) {
   }
   release_devices(*devices);
   return kind;
+} catch (...) {
+  return brakwell::platform::failed("enumUsbForLocationID", 0);
 }
 
 const char* getUSBDeviceName(void) {

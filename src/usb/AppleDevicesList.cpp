@@ -10,6 +10,7 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/boundary.h"
 #include "platform/log.h"
 #include "platform/usb_context.h"
 #include "usb/AppleDevices.h"
@@ -29,11 +30,13 @@ namespace {
 
 constexpr uint32_t kServiceIsTerminated = 0xE0000010;
 
-// A record's removal watch: the device it was made for, by the hotplug watch that reported it.
-// The record's `notification` is the key; dropping the entry disarms the watch, so a record
-// freed by usbDeviceRemoveAll is never reached by a later removal of its device.
+// A record's removal watch: the device it was made for, and who reported it: the arm of the
+// tracker (the usbDeviceConnStatus call, from 1) whose scan or hotplug watch saw it, or 0 for
+// the host's own usbDeviceArrival calls. The record's `notification` is the key; dropping the
+// entry disarms the watch, so a record freed by usbDeviceRemoveAll is never reached by a later
+// removal of its device.
 struct Watch {
-  intptr_t source;  // hotplug watch id; 0 for devices handed in by the host
+  intptr_t source;
   uint8_t bus, address;
   AppleDevRecord* record;
 };
@@ -41,6 +44,9 @@ struct Watch {
 std::recursive_mutex trackerMutex;
 std::map<uint32_t, Watch> watches;
 uint32_t nextNotification = 1;
+// The arms so far, and the latest arm of each hotplug watch (one per vendor and product).
+intptr_t arms = 0;
+std::map<int, intptr_t> latestArm;
 
 // At unload or exit every record still watched is freed. The event thread has ended by then: its
 // state is made at first use, after this object, and so is destroyed before it.
@@ -66,18 +72,19 @@ bool watched(intptr_t source, libusb_device* device) {
   return false;
 }
 
+// An arrival from the tracker itself is recorded once per arm: its scan and its hotplug watch
+// can both report a device that arrived as it was armed. The host's calls record every time.
 void arrival(intptr_t source, libusb_device* device) {
   {
-    // An arrival can be reported by the hotplug watch and by the first scan alike.
     std::lock_guard lock(trackerMutex);
-    if (watched(source, device)) return;
+    if (source && watched(source, device)) return;
   }
   const auto location = logged_location(device);
   if (!location) return;
   const std::string name = platform_usb::product_string(device);
 
   std::lock_guard lock(trackerMutex);
-  if (watched(source, device)) return;
+  if (source && watched(source, device)) return;
   auto* record = static_cast<AppleDevRecord*>(std::calloc(1, sizeof(AppleDevRecord)));
   if (!record) return;
   record->deviceName = strdup(name.c_str());
@@ -102,11 +109,22 @@ void removal(libusb_device* device) {
 }
 
 void on_hotplug(int watch, libusb_device* device, bool arrived) {
-  if (arrived) {
-    arrival(watch, device);
-  } else {
-    removal(device);
+  if (!arrived) return removal(device);
+  intptr_t arm = 0;
+  {
+    std::lock_guard lock(trackerMutex);
+    arm = latestArm[watch];
   }
+  arrival(arm, device);
+}
+
+// The devices already attached, recorded for this arm; false when they cannot be listed.
+bool scan(long vendorId, long productId, intptr_t arm) {
+  auto devices = matching_devices(vendorId, productId);
+  if (!devices) return false;
+  for (libusb_device* device : *devices) arrival(arm, device);
+  release_devices(*devices);
+  return true;
 }
 
 }  // namespace
@@ -117,33 +135,44 @@ using namespace brakwell::usb;
 
 extern "C" {
 
-int usbDeviceConnStatus(long vendorId, long productId) {
+int usbDeviceConnStatus(long vendorId, long productId) try {
   const auto vendor = static_cast<uint32_t>(vendorId), product = static_cast<uint32_t>(productId);
+  intptr_t arm = 0;
   int watch = 0;
-  if (vendor <= 0xffff && product <= 0xffff) {
-    watch = platform_usb::watch_devices(static_cast<uint16_t>(vendor),
-                                        static_cast<uint16_t>(product), on_hotplug);
-  }
-  auto devices = watch < 0 ? std::nullopt : matching_devices(vendorId, productId);
-  if (!devices) {
-    log("usbDeviceConnStatus - IOServiceMatching returned NULL.\n");
+  if (vendor > 0xffff || product > 0xffff) {
+    const bool scanned = scan(vendorId, productId, 0);  // no device has such ids
+    if (!scanned) log("usbDeviceConnStatus - IOServiceMatching returned NULL.\n");
     return 0;
   }
-  // The devices already attached are handled here, on the caller's thread.
-  devices->push_back(nullptr);
-  usbDeviceArrival(reinterpret_cast<void*>(static_cast<intptr_t>(watch)), devices->data());
-  devices->pop_back();
-  release_devices(*devices);
+  {
+    // Under the lock, so that the watch's first event already finds its arm.
+    std::lock_guard lock(trackerMutex);
+    watch = platform_usb::watch_devices(static_cast<uint16_t>(vendor),
+                                        static_cast<uint16_t>(product), on_hotplug);
+    if (watch > 0) latestArm[watch] = arm = ++arms;
+  }
+  // On the event thread, in order with the hotplug events: a device that leaves during the
+  // scan is removed after it is recorded, never before.
+  bool scanned = false;
+  if (watch > 0) {
+    platform_usb::run_on_event_thread([&] { scanned = scan(vendorId, productId, arm); });
+  }
+  if (!scanned) log("usbDeviceConnStatus - IOServiceMatching returned NULL.\n");
   return 0;
+} catch (...) {
+  return brakwell::platform::failed("usbDeviceConnStatus", 0);
 }
 
-// refCon carries the hotplug watch that reported the devices (0 from the host).
-void usbDeviceArrival(void* refCon, struct libusb_device** iterator) {
+// The context pointer is ignored: every device is recorded.
+void usbDeviceArrival(void* refCon, struct libusb_device** iterator) try {
+  (void)refCon;
   if (!iterator) return;
-  for (; *iterator; ++iterator) arrival(reinterpret_cast<intptr_t>(refCon), *iterator);
+  for (; *iterator; ++iterator) arrival(0, *iterator);
+} catch (...) {
+  brakwell::platform::failed("usbDeviceArrival");
 }
 
-int addSelfToAppleDevList(AppleDevRecord* record) {
+int addSelfToAppleDevList(AppleDevRecord* record) try {
   if (!record) return 0;
   std::lock_guard lock(trackerMutex);
   bool known = false;
@@ -165,10 +194,12 @@ int addSelfToAppleDevList(AppleDevRecord* record) {
   log("Warning: Max %d Apple Devices supported! Added Apple Device (locationID:0x%lx) ignored!",
       BRAKWELL_APPLE_DEV_MAX, static_cast<unsigned long>(record->locationID));
   return 0;
+} catch (...) {
+  return brakwell::platform::failed("addSelfToAppleDevList", 0);
 }
 
 void usbDeviceRemoval(void* refCon, struct libusb_device* service, uint32_t messageType,
-                      void* messageArgument) {
+                      void* messageArgument) try {
   (void)service;
   (void)messageArgument;
   auto* record = static_cast<AppleDevRecord*>(refCon);
@@ -182,6 +213,8 @@ void usbDeviceRemoval(void* refCon, struct libusb_device* service, uint32_t mess
   std::free(record->deviceName);
   watches.erase(record->notification);
   std::free(record);
+} catch (...) {
+  brakwell::platform::failed("usbDeviceRemoval");
 }
 
 void removeSelfFromAppleDevList(uint32_t locationID) {
@@ -191,7 +224,7 @@ void removeSelfFromAppleDevList(uint32_t locationID) {
   }
 }
 
-void usbDeviceRemoveAll(void) {
+void usbDeviceRemoveAll(void) try {
   std::lock_guard lock(trackerMutex);
   for (AppleDevRecord*& entry : g_pListAppleDev) {
     if (entry) {
@@ -199,6 +232,8 @@ void usbDeviceRemoveAll(void) {
       entry = nullptr;
     }
   }
+} catch (...) {
+  brakwell::platform::failed("usbDeviceRemoveAll");
 }
 
 }  // extern "C"

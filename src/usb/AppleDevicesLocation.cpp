@@ -10,6 +10,7 @@
 
 #include "common/numbers.h"
 #include "common/result_text.h"
+#include "platform/boundary.h"
 #include "platform/log.h"
 #include "platform/spawn.h"
 #include "platform/usb_context.h"
@@ -198,7 +199,7 @@ int getDifferentLocationIndex(const char* text1, const char* text2) {
   return -1;
 }
 
-void addToUartLocationIDList(const char* uartName, uint32_t locationID) {
+void addToUartLocationIDList(const char* uartName, uint32_t locationID) try {
   const std::string name = uartName ? uartName : "";
   const char last = name.empty() ? '\0' : name.back();
   const int k = std::isdigit(static_cast<unsigned char>(last)) ? last - '0' : 0;
@@ -208,9 +209,11 @@ void addToUartLocationIDList(const char* uartName, uint32_t locationID) {
   }
   g_ListUartLocationID[k - 1] = locationID;
   log("Save %@ locationID 0x%x to list (index=%d)", uartName, locationID, k - 1);
+} catch (...) {
+  brakwell::platform::failed("addToUartLocationIDList");
 }
 
-uint32_t usbUartSiblingLocationID(int uartIndex) {
+uint32_t usbUartSiblingLocationID(int uartIndex) try {
   const uint32_t u =
       uartIndex >= 0 && uartIndex < BRAKWELL_APPLE_DEV_MAX ? g_ListUartLocationID[uartIndex] : 0;
   if (u == 0) {
@@ -241,6 +244,8 @@ uint32_t usbUartSiblingLocationID(int uartIndex) {
   }
   write_report(uartIndex);
   return 0;
+} catch (...) {
+  return brakwell::platform::failed("usbUartSiblingLocationID", 0u);
 }
 
 }  // extern "C"

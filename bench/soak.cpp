@@ -25,7 +25,7 @@
 #include <set>
 #include <string>
 
-#include "Brakwell.h"
+#include <Brakwell.h>
 #include "fixture.h"
 #include "topology.h"
 

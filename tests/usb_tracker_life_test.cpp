@@ -11,7 +11,7 @@
 #include <cstring>
 #include <set>
 
-#include "Brakwell.h"
+#include <Brakwell.h>
 #include "platform/log.h"
 #include "platform/sleep.h"
 #include "platform/usb_context.h"

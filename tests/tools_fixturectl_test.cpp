@@ -1,6 +1,7 @@
 // fixturectl as a program: its command line, its JSON answers against the schema documented in
 // docs/USAGE.md, exit codes, run inside fixturesim with an operator and with faults; and the
 // demo, whose waveform a real reader (sigrok-cli) must read back site by site.
+#include <algorithm>
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -158,7 +159,10 @@ TEST(Fixturectl, SessionAnswersEveryCommandInTheSchema) {
   EXPECT_EQ(answers[0]["ports"][7], Json::parse(R"({"site":8,"well":2,
             "port":"/dev/tty.usbmodemVEL_08_A1","open":true})"));
   EXPECT_EQ(answers[1]["usb_devices"].size(), 2u + 8 * 2);  // DIO modules, boards, UARTs
-  EXPECT_EQ(answers[1]["serial_ports"][0]["link"], "/dev/tty.usbmodemVEL_01_A1");
+  const auto& serial = answers[1]["serial_ports"];
+  EXPECT_TRUE(std::any_of(serial.begin(), serial.end(), [](const Json& p) {
+    return p["link"] == "/dev/tty.usbmodemVEL_01_A1";
+  })) << serial;
   EXPECT_EQ(answers[2]["exit"], 1);
   EXPECT_TRUE(answers[2]["status"].is_null());
   EXPECT_EQ(answers[4]["failed_sites"], Json::array());

@@ -9,6 +9,7 @@
 // out of place.
 //
 //   brakwell_soak [--cycles N] [--reload N] [--library PATH]      (under umockdev-wrapper)
+#include <Brakwell.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -25,7 +26,6 @@
 #include <set>
 #include <string>
 
-#include <Brakwell.h>
 #include "fixture.h"
 #include "topology.h"
 

@@ -1,9 +1,9 @@
 // fixturectl as a program: its command line, its JSON answers against the schema documented in
 // docs/USAGE.md, exit codes, run inside fixturesim with an operator and with faults; and the
 // demo, whose waveform a real reader (sigrok-cli) must read back site by site.
-#include <algorithm>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "tools_support.h"

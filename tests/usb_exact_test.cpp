@@ -1,5 +1,6 @@
 // Digits parsed without base prefixes, the branch index in 16-bit units, host USBLocation slots
 // kept, openUSB keeping what a module holds, the USB report and the programs the library runs.
+#include <Brakwell.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include <Brakwell.h>
 #include "dio.h"
 #include "platform/alert.h"
 #include "platform/sleep.h"

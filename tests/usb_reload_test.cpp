@@ -1,12 +1,12 @@
 // dlclose unloads the library even after a per-thread text was handed back: fresh tables, no event
 // thread, and a DIO module left open closed with the USB context (no descriptor left open).
+#include <Brakwell.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <memory>
 
-#include <Brakwell.h>
 #include "dio.h"
 #include "platform/sleep.h"
 #include "usb.h"

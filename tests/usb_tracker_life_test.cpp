@@ -1,6 +1,7 @@
 // The Apple-device tracker through a station's day: a forked child that ends, a unit leaving
 // during the first scan, tracking armed again and again, the host's own arrival calls, and an
 // event thread that cannot be started.
+#include <Brakwell.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -11,7 +12,6 @@
 #include <cstring>
 #include <set>
 
-#include <Brakwell.h>
 #include "platform/log.h"
 #include "platform/sleep.h"
 #include "platform/usb_context.h"

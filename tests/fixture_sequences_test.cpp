@@ -57,36 +57,39 @@ Writes four(int first, const std::string& steps) {
 }
 
 // Expected traffic, written out from the sequences as the boards must see them.
+const std::string kPowerOff = "vusb_off S, batt_supercap_disconn S, vbatt_off L";
 Writes force_dfu(int u, bool on) {
-  return seq(u, on ? "vusb_off S, batt_supercap_disconn S, vbatt_off L, uart_on S, forcedfu_on S,"
-                     " hi5_enable S, hi5_enable S, hi5_enter_diag S, accid_on S, dfu_host_conn S,"
-                     " set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"
-                   : "vusb_off S, batt_supercap_disconn S, vbatt_off L, uart_off S, forcedfu_off S,"
-                     " hi5_disable S, hi5_enable S, hi5_enter_diag S, accid_off S,"
-                     " dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S, vusb_off S");
+  return seq(u,
+             kPowerOff +
+                 (on ? ", uart_on S, forcedfu_on S,"
+                       " hi5_enable S, hi5_enable S, hi5_enter_diag S, accid_on S, dfu_host_conn S,"
+                       " set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"
+                     : ", uart_off S, forcedfu_off S,"
+                       " hi5_disable S, hi5_enable S, hi5_enter_diag S, accid_off S,"
+                       " dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S, vusb_off S"));
 }
 Writes force_diags(int u, bool on) {
-  return seq(u, on ? "vusb_off S, batt_supercap_disconn S, vbatt_off L, uart_on S, forcedfu_off S,"
-                     " hi5_enable 0, hi5_enable S, hi5_enter_diag S, accid_on S,"
-                     " set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"
-                   : "vusb_off S, batt_supercap_disconn S, vbatt_off L, uart_off S, forcedfu_on S,"
-                     " hi5_disable 0, hi5_enable S, hi5_enter_diag S, accid_off 2S,"
-                     " vbatt_off S, batt_supercap_disconn S, vusb_off S");
+  return seq(u, kPowerOff + (on ? ", uart_on S, forcedfu_off S,"
+                                  " hi5_enable 0, hi5_enable S, hi5_enter_diag S, accid_on S,"
+                                  " set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"
+                                : ", uart_off S, forcedfu_on S,"
+                                  " hi5_disable 0, hi5_enable S, hi5_enter_diag S, accid_off 2S,"
+                                  " vbatt_off S, batt_supercap_disconn S, vusb_off S"));
 }
 Writes force_iboot(int u, bool on) {
-  return seq(u, on ? "vusb_off S, batt_supercap_disconn S, vbatt_off L, uart_on S, forcedfu_off S,"
-                     " hi5_enable S, hi5_enable 0, hi5_enter_recovery S, accid_on S,"
-                     " dfu_host_conn S, set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S,"
-                     " vusb_on 0"
-                   : "vusb_off S, batt_supercap_disconn S, vbatt_off L, uart_off S, forcedfu_on S,"
-                     " hi5_disable S, hi5_enable 0, hi5_enter_recovery S, accid_off S,"
-                     " dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S, vusb_off 0");
+  return seq(
+      u, kPowerOff + (on ? ", uart_on S, forcedfu_off S,"
+                           " hi5_enable S, hi5_enable 0, hi5_enter_recovery S, accid_on S,"
+                           " dfu_host_conn S, set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S,"
+                           " vusb_on 0"
+                         : ", uart_off S, forcedfu_on S,"
+                           " hi5_disable S, hi5_enable 0, hi5_enter_recovery S, accid_off S,"
+                           " dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S, vusb_off 0"));
 }
 const char kPowerOn[] =
     "hi5_enable 0, hi5_enable 0, hi5_enter_recovery S, accid_on S, set_vbatt_4100 S, vbatt_on";
 Writes dut_power(int u, bool on) {
-  return seq(u, on ? std::string(kPowerOn) + " 0, batt_supercap_conn S, vusb_on 0"
-                   : "vusb_off S, batt_supercap_disconn S, vbatt_off L");
+  return seq(u, on ? std::string(kPowerOn) + " 0, batt_supercap_conn S, vusb_on 0" : kPowerOff);
 }
 // set_dut_power_all: each UUT's supercap line goes to the UUT before it (u - 1); on the first
 // well that is index -1, a failed write that ends the call.
@@ -149,6 +152,9 @@ void PrintTo(const Row& r, std::ostream* out) { *out << r.name; }
 template <typename Call, typename... Args>
 std::function<int()> on(int well, Call call, Args... args) {
   return [=] { return int(call(StationFixture::wells[well], args...)); };
+}
+std::function<int()> with_closed(int uut, std::function<int()> call) {
+  return [=] { return closed({uut}, call); };
 }
 // Unplugs site 8 once its battery is off: the 1.0 s pause has begun.
 int unplug_in_the_middle() {
@@ -255,18 +261,26 @@ const Row kRows[] = {
      {"is_fixture_closed for WELL:2"}, {}, kStatus},
     {"is_open", [] { return status_then(is_fixture_open); }, 0, 0.31,
      {"is_fixture_opened for WELL:2"}, {}, kStatus},
+    // Site 2's port closed: a sequence stops at its first failed write, the LEDs of the well at
+    // theirs; press moves never report a failed site.
+    {"force_dfu_closed_site", with_closed(1, on(0, set_force_dfu, 0, 2)), -1, 0,
+     {"set_force_dfu ON for UUT:2"}, seq(2, "!vusb_off 0")},
+    {"led_all_closed_site", with_closed(1, on(0, set_led_state_all, 1)), -1, 2 * S, {kAll + "1"},
+     seq(1, "pass_led_on S") + seq(2, "!pass_led_on 0")},
+    {"engage_closed_site", with_closed(1, on(0, fixture_engage)), 0, 4 * S,
+     {"fixture_engage, WELL:1"}, {},
+     seq(1, "pne_down 0") + seq(3, "pne_down 0") + seq(4, "pne_down 0")},
     // A board gone in the middle: the sequence stops at its first failed write. The board stays
     // unplugged, so this row runs last.
     {"unplugged_in_the_middle", unplug_in_the_middle, -1, 1.02, {"set_force_dfu ON for UUT:8"},
-     seq(8, "vusb_off S, batt_supercap_disconn S, vbatt_off L, !uart_on 0")},
+     seq(8, kPowerOff + ", !uart_on 0")},
 };
 // clang-format on
 INSTANTIATE_TEST_SUITE_P(Sequences, Calls, ::testing::ValuesIn(kRows),
                          [](const auto& info) { return info.param.name; });
 
 // Init with the second UUT's port closed: it stops at that UUT's LEDs after its full pauses.
-// Then a sequence on that site stops at its first step and well-wide calls go on.
-TEST_F(Sequences, AFailedSiteStopsInitAndSequences) {
+TEST_F(Sequences, AFailedSiteStopsInitAtItsLeds) {
   EXPECT_EQ(testing_support::takes(5.0, 5.0 + kSlack,
                                    [] { return closed({1}, [] { return init(wells[0]); }); }),
             -1);
@@ -284,27 +298,6 @@ TEST_F(Sequences, AFailedSiteStopsInitAndSequences) {
   ASSERT_FALSE(reset.empty() || up.empty() || out.empty());
   EXPECT_GE(up.front().first - reset.back().first, 3.0 + S);
   EXPECT_GE(out.front().first - up.back().first, 2.0 + S);
-
-  SetUp();
-  closed({1}, [] {
-    EXPECT_EQ(set_force_dfu(wells[0], 0, 2), -1);
-    EXPECT_EQ(set_led_state_all(wells[0], 1), -1);  // the first failure ends it
-    EXPECT_TRUE(SOC_Reset(0));
-    EXPECT_EQ(fixture_engage(wells[0]), 0);  // press moves never report a failed site
-    EXPECT_FALSE(SOC_Hi5EnterDiag(1));       // both writes tried, both fail
-    return 0;
-  });
-  for (const char* line :
-       {"VELMORA: SOC_USBPower, UUT:2, Failed to write vel_vusb_off\n",
-        "VELMORA: SOC_Reset, UUT:2, Failed to write vel_dfu_reset\n",
-        "VELMORA: fixtureDown, Failed to send vel_pne_down\n for WELL:1, UUT:2",
-        "VELMORA: SOC_Hi5EnterDiag, UUT:2, Failed to write vel_hi5_enable\n",
-        "VELMORA: SOC_Hi5EnterDiag, UUT:2, Failed to write vel_hi5_enter_diag\n"})
-    EXPECT_TRUE(log.has(line)) << line;
-  EXPECT_FALSE(log.has("VELMORA: SOC_Batt_Supercap UUT:2 OnOff:0"));
-  expect_wire({{1, "vel_pass_led_on\nvel_dfu_reset\nvel_pne_down\n"},
-               {3, "vel_dfu_reset\nvel_pne_down\n"},
-               {4, "vel_dfu_reset\nvel_pne_down\n"}});
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 namespace {
 
 using testing_support::Sent;
+using testing_support::StationFixture;
 using testing_support::Transcript;
 
 constexpr int kBad[] = {-1, 8, 100, INT_MIN, INT_MAX};
@@ -57,16 +58,13 @@ TEST_F(BadInput, UutIndexesOutsideTheStationAreFailedWrites) {
       EXPECT_NE(line.find("SOC_Set_VBatt"), std::string::npos) << line;
     }
   }
-  expect_working();
-}
-
-TEST_F(BadInput, ResultLedFoldsTheIndexBeforeTheRangeRule) {
-  // Indexes above 3 drive the port four lower: 8 reaches UUT index 4, the rest stay outside.
+  // SOC_ResultLed folds first: indexes above 3 drive the port four lower, so 8 reaches UUT 5.
   EXPECT_TRUE(SOC_ResultLed(8, true));
   for (int bad : {-1, 100, INT_MIN, INT_MAX}) EXPECT_FALSE(SOC_ResultLed(bad, false)) << bad;
   expect_wire({{5, "vel_pass_led_on\n"}});
-  EXPECT_TRUE(log.has("VELMORA: SOC_ResultLed UUT:9 Pass:1"));
+  EXPECT_TRUE(log.has("VELMORA: SOC_ResultLed UUT:9 Pass:1"));  // the index as given
   EXPECT_TRUE(log.has("VELMORA: SOC_ResultLed, UUT:5, Successfully write vel_pass_led_on\n"));
+  expect_working();
 }
 
 // The well-rule table: which well's port a call reaches for a well number. Reset, LEDs, release
@@ -76,56 +74,39 @@ struct WellRule : testing_support::StationFixture, ::testing::WithParamInterface
 TEST_P(WellRule, Transcript) { run(GetParam()); }
 
 std::vector<Transcript> well_rules() {
-  constexpr char kQuery[] = "vel_fixture_status\n";
+  constexpr char kQuery[] = "vel_fixture_status\n", kDown[] = "vel_pne_down\n";
   std::vector<Transcript> rows;
   for (int well : {0, 1, 2, INT_MAX}) {
     const int onlyOne = well == 1 ? 5 : 1, anyNonZero = well != 0 ? 5 : 1;
     const std::string at = well == INT_MAX ? "_max" : "_" + std::to_string(well);
-    const std::string pressDown = "vel_pne_down\n";
-    Transcript reset{"SOC_Reset" + at, [well] { return int(SOC_Reset(well)); }, 1, {}};
-    Transcript down{"fixtureDown" + at, [well] { return fixtureDown(well), 1; }, 1, {}};
+    const bool run = well == 0 || well == 1;
+    Transcript reset{"SOC_Reset" + at, [well] { return int(SOC_Reset(well)); }, 1};
+    Transcript down{"fixtureDown" + at, [well] { return fixtureDown(well), 1; }, 1};
     for (int site = onlyOne; site < onlyOne + 4; ++site) {
       reset.wire.push_back({site, "vel_dfu_reset\n", 0.01});
-      down.wire.push_back({site, pressDown, 0.01});
+      down.wire.push_back({site, kDown, 0.01});
     }
-    rows.push_back(reset);
-    rows.push_back(down);
-    rows.push_back({"SOC_RunLed" + at,
-                    [well] { return int(SOC_RunLed(well, true)); },
-                    1,
-                    {{onlyOne, "vel_run_led_on\n"}}});
-    rows.push_back({"SOC_PneumaticValveOff" + at,
-                    [well] { return int(SOC_PneumaticValveOff(well)); },
-                    1,
-                    {{onlyOne, "vel_pne_up\n"}, {onlyOne, "vel_pne_out\n", 0.01}}});
-    rows.push_back({"SOC_IsFixtureEngaged" + at,
-                    [well] { return int(SOC_IsFixtureEngaged(well)); },
-                    0,
-                    {{anyNonZero, kQuery}},
-                    std::nullopt,
-                    0.3});
-    // Both buttons held, plate down: the cycle ends at its first poll and lights the run LED
-    // by the other rule.
-    rows.push_back({"SOC_PneumaticValveOn" + at,
-                    [well, anyNonZero] {
-                      testing_support::StationFixture::board(anyNonZero)
-                          .script_status({testing_support::status_reply(24)});
-                      return int(SOC_PneumaticValveOn(well, -1.0f));
-                    },
-                    1,
-                    {{anyNonZero, kQuery}, {onlyOne, "vel_run_led_on\n", 0.01}},
-                    std::nullopt,
-                    0.3});
-    rows.push_back({"SOC_PneumaticValveAutoOn" + at,
-                    [well] { return int(SOC_PneumaticValveAutoOn(well, 0)); },
-                    1,
-                    {{anyNonZero, kQuery}, {anyNonZero, "vel_pne_in\n"}, {anyNonZero, pressDown}},
-                    std::nullopt,
-                    0.65});
-    const bool run = well == 0 || well == 1;
-    rows.push_back({"SOC_IsRun_Pressed" + at, [well] { return int(SOC_IsRun_Pressed(well)); }, 0,
-                    run ? std::vector<Sent>{{well ? 5 : 1, kQuery}} : std::vector<Sent>{},
-                    std::nullopt, run ? 0.3 : 0});
+    // clang-format off
+    rows.insert(rows.end(), {reset, down,
+        {"SOC_RunLed" + at, [well] { return int(SOC_RunLed(well, true)); }, 1,
+         {{onlyOne, "vel_run_led_on\n"}}},
+        {"SOC_PneumaticValveOff" + at, [well] { return int(SOC_PneumaticValveOff(well)); }, 1,
+         {{onlyOne, "vel_pne_up\n"}, {onlyOne, "vel_pne_out\n", 0.01}}},
+        {"SOC_IsFixtureEngaged" + at, [well] { return int(SOC_IsFixtureEngaged(well)); }, 0,
+         {{anyNonZero, kQuery}}, std::nullopt, 0.3},
+        // Both buttons held, plate down: the cycle ends at its first poll and lights the run LED
+        // by the other rule.
+        {"SOC_PneumaticValveOn" + at, [well, anyNonZero] {
+           StationFixture::board(anyNonZero).script_status({testing_support::status_reply(24)});
+           return int(SOC_PneumaticValveOn(well, -1.0f));
+         }, 1, {{anyNonZero, kQuery}, {onlyOne, "vel_run_led_on\n", 0.01}}, std::nullopt, 0.3},
+        {"SOC_PneumaticValveAutoOn" + at, [well] { return int(SOC_PneumaticValveAutoOn(well, 0)); },
+         1, {{anyNonZero, kQuery}, {anyNonZero, "vel_pne_in\n"}, {anyNonZero, kDown}},
+         std::nullopt, 0.65},
+        {"SOC_IsRun_Pressed" + at, [well] { return int(SOC_IsRun_Pressed(well)); }, 0,
+         run ? std::vector<Sent>{{well ? 5 : 1, kQuery}} : std::vector<Sent>{}, std::nullopt,
+         run ? 0.3 : 0}});
+    // clang-format on
   }
   return rows;
 }
@@ -135,7 +116,7 @@ INSTANTIATE_TEST_SUITE_P(Wells, WellRule, ::testing::ValuesIn(well_rules()),
 TEST_F(BadInput, SitesOfAHandle) {
   for (int w = 0; w < 2; ++w) {
     FixtureController* h = wells[w];
-    for (int site : kBad) {
+    for (int site : {0, -1, 8, 100, INT_MIN, INT_MAX}) {
       const int64_t uut64 = static_cast<int64_t>(site) + brakwell::station::first_uut_only_one(w);
       const int32_t uut = static_cast<int32_t>(static_cast<uint32_t>(uut64));
       const bool inStation = site >= 1 && uut >= 1 && uut <= 8;  // only site 8 on well 0

@@ -8,7 +8,7 @@
 
 #include <Brakwell.h>
 #include "dio.h"
-#include "platform/sleep.h"
+#include "platform/platform.h"
 #include "usb.h"
 
 namespace {

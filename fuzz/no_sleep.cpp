@@ -1,7 +1,7 @@
 // The fuzz build's platform sleep: no pause at all, the clock as usual.
 #include <ctime>
 
-#include "platform/sleep.h"
+#include "platform/platform.h"
 
 namespace brakwell::platform {
 

@@ -13,7 +13,7 @@
 
 #include "boards.h"
 #include "common/station.h"
-#include "platform/sleep.h"
+#include "platform/platform.h"
 #include "support/log_capture.h"
 #include "topology.h"
 

@@ -12,9 +12,7 @@
 #include <vector>
 
 #include "dio.h"
-#include "platform/alert.h"
-#include "platform/sleep.h"
-#include "platform/usb_context.h"
+#include "platform/platform.h"
 #include "support/log_capture.h"
 #include "usb/DIO.h"
 

@@ -7,7 +7,7 @@
 
 #include <filesystem>
 
-#include "platform/sleep.h"
+#include "platform/platform.h"
 #include "usb.h"
 
 namespace {

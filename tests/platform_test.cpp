@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "platform/log.h"
-#include "platform/sleep.h"
+#include "platform/platform.h"
 #include "support/log_capture.h"
 
 namespace {

@@ -10,8 +10,7 @@
 #include <set>
 
 #include "boards.h"
-#include "platform/sleep.h"
-#include "platform/usb_context.h"
+#include "platform/platform.h"
 #include "support/station_fixture.h"
 #include "topology.h"
 #include "usb.h"

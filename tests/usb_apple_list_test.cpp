@@ -9,8 +9,7 @@
 #include <cstring>
 #include <set>
 
-#include "platform/sleep.h"
-#include "platform/usb_context.h"
+#include "platform/platform.h"
 #include "support/log_capture.h"
 #include "topology.h"
 #include "usb.h"

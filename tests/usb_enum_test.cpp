@@ -5,8 +5,7 @@
 
 #include <algorithm>
 
-#include "platform/sleep.h"
-#include "platform/usb_context.h"
+#include "platform/platform.h"
 #include "support/station_fixture.h"
 #include "topology.h"
 #include "usb.h"

@@ -13,10 +13,7 @@
 #include <vector>
 
 #include "dio.h"
-#include "platform/alert.h"
-#include "platform/sleep.h"
-#include "platform/spawn.h"
-#include "platform/usb_context.h"
+#include "platform/platform.h"
 #include "station/board_link.h"
 #include "support/log_capture.h"
 #include "usb/USBRW.h"

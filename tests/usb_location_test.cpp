@@ -10,7 +10,7 @@
 #include <fstream>
 #include <regex>
 
-#include "platform/usb_context.h"
+#include "platform/platform.h"
 #include "support/log_capture.h"
 #include "topology.h"
 #include "usb.h"

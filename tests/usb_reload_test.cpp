@@ -8,7 +8,7 @@
 #include <memory>
 
 #include "dio.h"
-#include "platform/sleep.h"
+#include "platform/platform.h"
 #include "usb.h"
 
 namespace {

@@ -12,9 +12,7 @@
 #include <cstring>
 #include <set>
 
-#include "platform/log.h"
-#include "platform/sleep.h"
-#include "platform/usb_context.h"
+#include "platform/platform.h"
 #include "support/log_capture.h"
 #include "usb.h"
 #include "usb/AppleDevices.h"

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <libusb.h>
 
-#include "platform/usb_context.h"
+#include "platform/platform.h"
 #include "topology.h"
 #include "usb.h"
 

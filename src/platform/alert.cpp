@@ -1,5 +1,3 @@
-#include "platform/alert.h"
-
 #include <sys/wait.h>
 #include <syslog.h>
 
@@ -8,7 +6,7 @@
 #include <mutex>
 #include <string>
 
-#include "platform/spawn.h"
+#include "platform/platform.h"
 
 namespace brakwell::platform {
 namespace {

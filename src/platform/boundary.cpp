@@ -1,8 +1,6 @@
-#include "platform/boundary.h"
-
 #include <exception>
 
-#include "platform/log.h"
+#include "platform/platform.h"
 
 namespace brakwell::platform {
 

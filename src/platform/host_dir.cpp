@@ -1,8 +1,8 @@
-#include "platform/host_dir.h"
-
 #include <unistd.h>
 
 #include <climits>
+
+#include "platform/platform.h"
 
 namespace brakwell::platform {
 

@@ -1,5 +1,3 @@
-#include "platform/keychord.h"
-
 #include <libevdev/libevdev-uinput.h>
 #include <libevdev/libevdev.h>
 #include <linux/input.h>
@@ -8,7 +6,7 @@
 #include <initializer_list>
 #include <mutex>
 
-#include "platform/sleep.h"
+#include "platform/platform.h"
 
 namespace brakwell::platform {
 namespace {

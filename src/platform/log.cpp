@@ -1,5 +1,3 @@
-#include "platform/log.h"
-
 #include <syslog.h>
 
 #include <cstdarg>
@@ -8,6 +6,8 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+
+#include "platform/platform.h"
 
 namespace brakwell::platform {
 namespace {

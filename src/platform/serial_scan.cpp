@@ -1,14 +1,12 @@
 // The serial scan on Linux: a libudev enumeration of the tty subsystem stands in for the
 // registry iterator of serial clients, and a udev device for a registry entry.
-#include "platform/serial_scan.h"
-
 #include <Brakwell.h>
 #include <libudev.h>
 
 #include <cstring>
 #include <string_view>
 
-#include "platform/log.h"
+#include "platform/platform.h"
 
 namespace {
 char resultStr[256];  // the last property string read, as getRegistryString hands it out

@@ -1,8 +1,8 @@
-#include "platform/sleep.h"
-
 #include <cerrno>
 #include <cmath>
 #include <ctime>
+
+#include "platform/platform.h"
 
 namespace brakwell::platform {
 

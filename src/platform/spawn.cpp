@@ -1,5 +1,3 @@
-#include "platform/spawn.h"
-
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -10,7 +8,7 @@
 #include <cstring>
 #include <vector>
 
-#include "platform/log.h"
+#include "platform/platform.h"
 
 namespace brakwell::platform {
 

@@ -1,5 +1,3 @@
-#include "platform/usb_context.h"
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -11,8 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/boundary.h"
-#include "platform/log.h"
+#include "platform/platform.h"
 
 namespace brakwell::platform::usb {
 

@@ -7,8 +7,7 @@
 
 #include "common/numbers.h"
 #include "common/station.h"
-#include "platform/log.h"
-#include "platform/sleep.h"
+#include "platform/platform.h"
 
 using brakwell::platform::log;
 using brakwell::platform::sleep_seconds;

@@ -4,8 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "platform/log.h"
-#include "platform/sleep.h"
+#include "platform/platform.h"
 
 using brakwell::platform::log;
 

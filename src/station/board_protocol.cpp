@@ -16,8 +16,7 @@
 
 #include "common/numbers.h"
 #include "common/station.h"
-#include "platform/log.h"
-#include "platform/sleep.h"
+#include "platform/platform.h"
 #include "station/board_link.h"
 
 using brakwell::platform::log;

@@ -9,9 +9,7 @@
 #include <cstring>
 #include <vector>
 
-#include "platform/log.h"
-#include "platform/serial_scan.h"
-#include "platform/sleep.h"
+#include "platform/platform.h"
 #include "station/board_link.h"
 
 using brakwell::platform::log;

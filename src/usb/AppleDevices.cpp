@@ -9,9 +9,7 @@
 #include <cstring>
 
 #include "common/result_text.h"
-#include "platform/boundary.h"
-#include "platform/log.h"
-#include "platform/usb_context.h"
+#include "platform/platform.h"
 
 using brakwell::platform::debug;
 using brakwell::platform::device_text;

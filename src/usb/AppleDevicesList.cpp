@@ -10,9 +10,7 @@
 #include <mutex>
 #include <vector>
 
-#include "platform/boundary.h"
-#include "platform/log.h"
-#include "platform/usb_context.h"
+#include "platform/platform.h"
 #include "usb/AppleDevices.h"
 
 using brakwell::platform::device_text;

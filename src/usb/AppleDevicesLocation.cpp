@@ -10,10 +10,7 @@
 
 #include "common/numbers.h"
 #include "common/result_text.h"
-#include "platform/boundary.h"
-#include "platform/log.h"
-#include "platform/spawn.h"
-#include "platform/usb_context.h"
+#include "platform/platform.h"
 #include "usb/AppleDevices.h"
 
 using brakwell::platform::device_text;

@@ -4,8 +4,7 @@
 #include <cstring>
 
 #include "common/numbers.h"
-#include "platform/log.h"
-#include "platform/sleep.h"
+#include "platform/platform.h"
 
 namespace brakwell::dio {
 

@@ -3,9 +3,7 @@
 #include <cstdio>
 
 #include "common/numbers.h"
-#include "platform/alert.h"
-#include "platform/log.h"
-#include "platform/usb_context.h"
+#include "platform/platform.h"
 
 namespace brakwell::dio {
 

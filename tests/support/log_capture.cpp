@@ -2,8 +2,7 @@
 
 #include <algorithm>
 
-#include "platform/log.h"
-#include "platform/sleep.h"
+#include "platform/platform.h"
 
 namespace testing_support {
 

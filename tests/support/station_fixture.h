@@ -22,7 +22,7 @@
 #include "boards.h"
 #include "common/station.h"
 #include "fixture/controller.h"
-#include "platform/sleep.h"
+#include "platform/platform.h"
 #include "support/log_capture.h"
 #include "usb.h"
 

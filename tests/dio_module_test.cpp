@@ -1,15 +1,11 @@
 // The USB DIO module driver against virtual modules: opening and closing, the pipes and the
-// vendor request, a broken link, the register frames, the sensor debounce and the board id.
-// Bad module numbers are faults_bad_input_test's.
-#include <Brakwell.h>
+// vendor request, a link that breaks and a module that leaves, the register frames, the sensor
+// debounce and the board id. Bad module numbers are station_bad_input_test's.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "dio.h"
 #include "platform/platform.h"
@@ -28,12 +24,8 @@ using brakwell::platform::monotonic_seconds;
 // was current when it was made.
 sim::Testbed* bed = nullptr;
 sim::UsbBus* bus = nullptr;
-
 class DioEnvironment : public ::testing::Environment {
-  void SetUp() override {
-    bed = new sim::Testbed;
-    bus = new sim::UsbBus(*bed);
-  }
+  void SetUp() override { bed = new sim::Testbed, bus = new sim::UsbBus(*bed); }
   void TearDown() override {
     for (int m = 0; m < 2; ++m) dio::release_module(m);
     brakwell::platform::usb::shutdown();
@@ -58,6 +50,7 @@ Frames rest_frames(Frames first, std::initializer_list<int> registers) {
 }
 const std::initializer_list<int> kAllRest = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13};
 const unsigned char kStatusFrame[] = {0x02, 0x03, 0x02};
+const Lines kBroken = {"USB Error|USB Connection to DFU DIO_01 Module is broken!|OK"};
 
 class Dio : public ::testing::Test {
  protected:
@@ -150,9 +143,10 @@ TEST_F(Dio, OpenFailuresAndClose) {
              "(nil)\n"}));
 }
 
-// The request's bytes; then the module leaves: the request fails with its line, and closeUSB
-// keeps the tables of a module that left until a fresh open replaces them.
-TEST_F(Dio, VendorRequestAndCloseAfterTheModuleLeft) {
+// The request's bytes; then the module leaves: the request fails with its line, and neither
+// closeUSB nor an openUSB that finds nothing gives up its handle, so its pipes fail aloud until a
+// fresh open replaces it.
+TEST_F(Dio, VendorRequestAndAModuleThatLeft) {
   EXPECT_EQ(vendorRequest(0, 1), 0);
   sim::DioModule& module = open(0);
   EXPECT_EQ(vendorRequest(0, 0x12345678), 1);
@@ -165,20 +159,25 @@ TEST_F(Dio, VendorRequestAndCloseAfterTheModuleLeft) {
   module.vanish();
   ASSERT_TRUE(wait_alive(0, 0));
   EXPECT_EQ(vendorRequest(0, 1), 0);
-  EXPECT_EQ(log.syslog(), Lines{"VELMORA: vendorRequest returned err 0xfffffffc"});
-
   libusb_device_handle* const device = dio::modules[0].device;
   EXPECT_EQ(closeUSB(0), 0);
+  EXPECT_EQ(openUSB(0), 0);
   EXPECT_EQ(dio::modules[0].device, device);
-  EXPECT_TRUE(dio::modules[0].hasInterface);
+  unsigned char buffer[10] = {};
+  EXPECT_EQ(readFromEndpt(0, 1, buffer, 10), 0);
+  EXPECT_EQ(log.syslog(), (Lines{"VELMORA: vendorRequest returned err 0xfffffffc",
+                                 "VELMORA: USB Read: unable to do usb read to pipe1. Error Code: "
+                                 "fffffffc\n"}));
+  EXPECT_EQ(alerts, kBroken);
   unplug(0);
   sim::DioModule& again = open(0);
   EXPECT_EQ(writeToEndpt(0, 1, kStatusFrame, 3), 1);
   EXPECT_EQ(again.frames(), (Frames{{0x02, 0x03, 0x02}}));
 }
 
-// A module that leaves in the middle of a write, then of a read: one log line, one alert, the
-// interface dropped; later calls fail at once without a transfer.
+// A link that breaks in the middle of a write, then of a read: one log line, one alert, the
+// interface dropped. openUSB keeps the broken handle (refused as busy); later calls fail at once
+// without a transfer, also once the module has left.
 TEST_F(Dio, BrokenLinkAlertsOnceAndSilencesThePipes) {
   const std::pair<size_t, const char*> cases[] = {
       // Which transfer of the status command fails: 1 the write, 2 the read.
@@ -194,19 +193,23 @@ TEST_F(Dio, BrokenLinkAlertsOnceAndSilencesThePipes) {
     uint32_t status = 7;
     EXPECT_EQ(dioStatus(0, &status), 0);
     EXPECT_EQ(status, 0u);
+    EXPECT_EQ(openUSB(0), 1);
+    EXPECT_EQ(log.stdout_lines(), Lines{"dealWithDevice: unable to open device. ret = fffffffa\n"});
     EXPECT_FALSE(dio::modules[0].hasInterface);
-    module.vanish();
     const size_t transfers = module.transfers();
-    const double start = monotonic_seconds();
     unsigned char buffer[10] = {};
-    EXPECT_EQ(readFromEndpt(0, 1, buffer, 10), 0);
-    EXPECT_EQ(writeToEndpt(0, 1, buffer, 3), 0);
-    EXPECT_EQ(dioWrite(0, 2, "0x44"), 0);
-    EXPECT_LT(monotonic_seconds() - start, 0.05);
+    for (bool left : {false, true}) {
+      if (left) module.vanish();
+      const double start = monotonic_seconds();
+      EXPECT_EQ(readFromEndpt(0, 1, buffer, 10), 0);
+      EXPECT_EQ(writeToEndpt(0, 1, buffer, 3), 0);
+      EXPECT_EQ(dioWrite(0, 2, "0x44"), 0);
+      EXPECT_LT(monotonic_seconds() - start, 0.05);
+    }
     EXPECT_EQ(dio::reg[0][2], 0x33);
     EXPECT_EQ(module.transfers(), transfers);
     EXPECT_EQ(log.syslog(), Lines{line});
-    EXPECT_EQ(alerts, Lines{"USB Error|USB Connection to DFU DIO_01 Module is broken!|OK"});
+    EXPECT_EQ(alerts, kBroken);
     unplug(0);
   }
 }
@@ -296,8 +299,20 @@ TEST_F(Dio, WriteTexts) {
 
 TEST(DioStrToInt, Forms) {
   const std::pair<const char*, long> cases[] = {
-      {"0x1F", 31}, {"0X1f", 31}, {"0x", 0},  {"010", 10}, {"12ab", 12},
-      {"-5", -5},   {"0xZZ", 0},  {"x10", 0}, {"", 0},     {nullptr, 0},
+      {"0x1F", 31},
+      {"0X1f", 31},
+      {"0x", 0},
+      {"010", 10},
+      {"12ab", 12},
+      {"-5", -5},
+      {"0xZZ", 0},
+      {"x10", 0},
+      {"", 0},
+      {nullptr, 0},
+      // No second prefix, a blank and a sign after the prefix, no binary prefix.
+      {"0x0x1F", 0},
+      {"0x -1F", -31},
+      {"0b11", 0},
   };
   for (const auto& [text, want] : cases) EXPECT_EQ(strToInt(text), want) << (text ? text : "null");
 }

@@ -1,5 +1,5 @@
 // Digits parsed without base prefixes, the branch index in 16-bit units, host USBLocation slots
-// kept, openUSB keeping what a module holds, the USB report and the programs the library runs.
+// kept, the USB report and the programs the library runs.
 #include <Brakwell.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -12,45 +12,25 @@
 #include <string>
 #include <vector>
 
-#include "dio.h"
 #include "platform/platform.h"
 #include "station/board_link.h"
 #include "support/log_capture.h"
-#include "usb/USBRW.h"
+#include "usb.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 
-struct Parse {
-  const char* name;
-  long (*call)(const char*, const char*);
-  const char* a;
-  const char* b;
-  long expected;
-};
-const std::string kLongStatus = "x=" + std::string(70, '1') + " l_sw";
-void PrintTo(const Parse& row, std::ostream* out) { *out << row.name; }
-long status(const char* reply, const char*) { return brakwell::link::parse_status_reply(reply); }
-long to_int(const char* text, const char*) { return strToInt(text); }
-long branch(const char* a, const char* b) { return getDifferentLocationIndex(a, b); }
-
-class Parsing : public ::testing::TestWithParam<Parse> {};
-TEST_P(Parsing, Row) {
-  EXPECT_EQ(GetParam().call(GetParam().a, GetParam().b), GetParam().expected);
+// Status digits take no base prefix and saturate; the branch index counts 16-bit units.
+TEST(Parsing, StatusDigitsAndBranchUnits) {
+  using brakwell::link::parse_status_reply;
+  EXPECT_EQ(parse_status_reply("x=0b11 l_sw"), 0);
+  EXPECT_EQ(parse_status_reply("x= -1 l_sw"), 63);
+  EXPECT_EQ(parse_status_reply(("x=" + std::string(70, '1') + " l_sw").c_str()), 63);
+  EXPECT_EQ(getDifferentLocationIndex("\u00e9", "a"), 0);
+  EXPECT_EQ(getDifferentLocationIndex("\U0001F600a", "\U0001F600b"), 2);
 }
-INSTANTIATE_TEST_SUITE_P(
-    Rows, Parsing,
-    ::testing::Values(Parse{"StatusBinaryPrefix", status, "x=0b11 l_sw", "", 0},
-                      Parse{"StatusBlankAndSign", status, "x= -1 l_sw", "", 63},
-                      Parse{"StatusOverflowSaturates", status, kLongStatus.c_str(), "", 63},
-                      Parse{"HexSecondPrefix", to_int, "0x0x1F", "", 0},
-                      Parse{"HexBlankAndSign", to_int, "0x -1F", "", -31},
-                      Parse{"DecimalBinaryPrefix", to_int, "0b11", "", 0},
-                      Parse{"BranchCountsUnitsNotBytes", branch, "\u00e9", "a", 0},
-                      Parse{"BranchAfterSurrogatePair", branch, "\U0001F600a", "\U0001F600b", 2}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 sim::Testbed* bed = nullptr;
 sim::UsbBus* bus = nullptr;
@@ -64,26 +44,7 @@ class Environment : public ::testing::Environment {
 };
 const auto* const environment = ::testing::AddGlobalTestEnvironment(new Environment);
 
-class Exact : public ::testing::Test {
- protected:
-  void SetUp() override {
-    brakwell::platform::set_alert_sink(
-        [](const char*, const char* message, const char*, void* self) {
-          static_cast<Exact*>(self)->alerts.push_back(message);
-        },
-        this);
-  }
-  void TearDown() override { brakwell::platform::set_alert_sink(nullptr, nullptr); }
-  static bool alive(int want) {
-    for (int i = 0; i < 400 && USBDeviceAlive(0) != want; ++i)
-      brakwell::platform::sleep_seconds(0.005);
-    return USBDeviceAlive(0) == want;
-  }
-  testing_support::LogCapture log;
-  Lines alerts;
-};
-
-TEST_F(Exact, UsbLocationKeepsTheHostsSlots) {
+TEST(Usb, LocationKeepsTheHostsSlots) {
   for (int site = 1; site <= 2; ++site) bus->add_uart(site);
   const char* mine = "host";
   USBLocation[1] = mine;
@@ -93,41 +54,10 @@ TEST_F(Exact, UsbLocationKeepsTheHostsSlots) {
   USBLocation[1] = nullptr;
 }
 
-// A module whose link broke stays broken through openUSB; one that left stays held, so its
-// pipes still fail aloud after closeUSB and openUSB found nothing.
-TEST_F(Exact, OpenUsbKeepsWhatTheModuleHolds) {
-  unsigned char frame[10] = {0x02, 0x03, 0x02};
-  auto broken = std::make_unique<sim::DioModule>(*bus, 0);
-  ASSERT_TRUE(alive(1));
-  ASSERT_EQ(openUSB(0), 1);
-  broken->vanish_at_transfer(1);
-  EXPECT_EQ(writeToEndpt(0, 1, frame, 3), 0);
-  log.clear(), alerts.clear();
-  EXPECT_EQ(openUSB(0), 1);
-  EXPECT_EQ(log.stdout_lines(), Lines{"dealWithDevice: unable to open device. ret = fffffffa\n"});
-  EXPECT_EQ(writeToEndpt(0, 1, frame, 3), 0);
-  EXPECT_TRUE(log.syslog().empty() && alerts.empty());
-  EXPECT_EQ(closeUSB(0), 0);
-  broken.reset();
-  ASSERT_TRUE(alive(0));
-
-  auto left = std::make_unique<sim::DioModule>(*bus, 0);
-  ASSERT_TRUE(alive(1));
-  ASSERT_EQ(openUSB(0), 1);
-  left->vanish();
-  ASSERT_TRUE(alive(0));
-  EXPECT_EQ(closeUSB(0), 0);
-  EXPECT_EQ(openUSB(0), 0);
-  log.clear();
-  EXPECT_EQ(readFromEndpt(0, 1, frame, 10), 0);
-  EXPECT_EQ(log.syslog().size(), 1u);
-  EXPECT_EQ(alerts, Lines{"USB Connection to DFU DIO_01 Module is broken!"});
-  brakwell::dio::release_module(0);
-}
-
 // lsusb from the system directories, never the PATH's; a report that exists already is left
 // alone, with a debug trace and no log line.
-TEST_F(Exact, UsbReportIsPrivateAndQuiet) {
+TEST(Usb, ReportIsPrivateAndQuiet) {
+  testing_support::LogCapture log;
   const fs::path bin = fs::temp_directory_path() / ("brakwell-exact-" + std::to_string(getpid()));
   fs::create_directories(bin);
   std::ofstream(bin / "lsusb") << "#!/bin/sh\necho impostor\n";

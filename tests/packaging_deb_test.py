@@ -21,18 +21,12 @@ def test_the_package_holds_the_install_tree_and_unpacks_into_a_working_one(tmp_p
                     .splitlines() if not line.startswith("d"))
     run("cmake", "--install", BUILD, "--prefix", "/usr", env={**os.environ,
                                                                "DESTDIR": str(tmp_path / "stage")})
-    assert listed == files_under(tmp_path / "stage")  # man pages and completions included
-    for path in ("/usr/lib/libBrakwell.so.4", "/usr/include/Brakwell.h", "/usr/bin/fixturesim",
-                 "/usr/lib/pkgconfig/brakwell.pc", "/usr/lib/cmake/Brakwell/BrakwellConfig.cmake",
-                 "/usr/bin/fixturectl", "/usr/lib/udev/rules.d/60-brakwell.rules",
-                 "/usr/lib/udev/rules.d/70-brakwell-access.rules",
-                 "/usr/lib/sysusers.d/brakwell.conf", "/usr/share/doc/brakwell/copyright"):
-        assert path in listed
+    assert listed == files_under(tmp_path / "stage")  # the files the install test checks
     control = run("dpkg-deb", "-f", str(deb), "Package", "Version", "Depends")
     assert control.startswith("Package: brakwell\nVersion: 4.1.0\n") and "libusb-1.0-0" in control
 
     run("dpkg-deb", "-x", str(deb), str(tmp_path / "root"))
-    assert "usage: fixturectl" in run(str(tmp_path / "root/usr/bin/fixturectl"), "--help")
+    assert "Usage: fixturectl [OPTIONS] SUBCOMMAND" in run(str(tmp_path / "root/usr/bin/fixturectl"), "--help")
     if shutil.which("lintian"):
         lint = subprocess.run(["lintian", str(deb)], capture_output=True, text=True, check=False)
         assert [line for line in lint.stdout.splitlines() if line.startswith("E:")] == []

@@ -23,22 +23,15 @@ def inside(*command, options=()):
     return ran.stdout
 
 
-def test_lsusb_lists_every_device_by_its_full_name():
-    seen = [tuple(line.split("ID ")[1].split(None, 1)) for line in inside("lsusb").splitlines()]
+def test_lsusb_lists_reads_and_draws_every_device():
+    listed, verbose, tree = inside("sh", "-c", "lsusb; echo ==; lsusb -v; echo ==; lsusb -t").split("==\n")
+    seen = [tuple(line.split("ID ")[1].split(None, 1)) for line in listed.splitlines()]
     assert sorted(seen) == sorted((ids, name) for _, ids, name, _ in DEVICES)
-
-
-def test_lsusb_verbose_reads_every_name_and_serial_from_the_device():
-    out = inside("lsusb", "-v")
-    assert sorted(re.findall(r"iProduct +2 (.*)", out)) == sorted(d[2] for d in DEVICES)
-    assert sorted(re.findall(r"iSerial +3 (.*)", out)) == sorted(d[3] for d in DEVICES if d[3])
-    assert out.count("Hub Port Status:") == 6
-
-
-def test_lsusb_tree_shows_every_interface_with_its_driver():
-    out = inside("lsusb", "-t")
-    assert out.startswith("/:  Bus 01.Port 1: Dev 1, Class=root_hub, Driver=xhci_hcd/4p, 480M")
-    drivers = collections.Counter(re.findall(r"Driver=(\S*),", out))
+    assert sorted(re.findall(r"iProduct +2 (.*)", verbose)) == sorted(d[2] for d in DEVICES)
+    assert sorted(re.findall(r"iSerial +3 (.*)", verbose)) == sorted(d[3] for d in DEVICES if d[3])
+    assert verbose.count("Hub Port Status:") == 6
+    assert tree.startswith("/:  Bus 01.Port 1: Dev 1, Class=root_hub, Driver=xhci_hcd/4p, 480M")
+    drivers = collections.Counter(re.findall(r"Driver=(\S*),", tree))
     assert drivers == {"xhci_hcd/4p": 1, "hub/4p": 5, "cdc_acm": 8, "ftdi_sio": 4, "": 2}
 
 

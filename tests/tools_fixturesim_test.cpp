@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <tuple>
 
 #include "tools_support.h"
 
@@ -12,60 +13,54 @@ using tools_test::run;
 
 const std::string kSim = BRAKWELL_FIXTURESIM;
 
-TEST(Fixturesim, ArgumentErrorsExitTwoAndSayWhy) {
-  const std::pair<std::vector<std::string>, std::string> cases[] = {
-      {{}, "PROGRAM: no PROGRAM to run (fixturesim [options] -- PROGRAM)"},
-      {{"true"}, "The following argument was not expected: true"},
-      {{"--bogus", "--", "true"}, "The following argument was not expected: --bogus"},
-      {{"--wells", "3", "--", "true"}, "--wells: Value 3 not in range 1 to 2"},
-      {{"--missing", "2-9", "--", "true"}, "--missing: must be 1-8, not '9'"},
-      {{"--missing", "4-2", "--", "true"}, "--missing: range 4-2 runs backwards"},
-      {{"--unplug", "3", "--", "true"}, "--unplug: takes TARGET@SECONDS, not '3'"},
-      {{"--unplug", "3@soon", "--", "true"}, "--unplug: 'soon' is not a number of seconds"},
-      {{"--dio-gone", "2@1", "--", "true"}, "--dio-gone: must be 0-1, not '2'"},
-      {{"--dio-status", "0:300", "--", "true"}, "--dio-status: must be 0-255, not '300'"},
-      {{"--garble", "0", "--", "true"}, "--garble: Value 0 not in range 1 to 2"},
-      {{"--vcd", "/nonexistent/w.vcd", "--", "true"},
-       "--vcd: cannot write /nonexistent/w.vcd: No such file or directory"},
-      {{"--trace", "/proc/t", "--", "true"},
+// Bad command lines exit 2 and say why; otherwise fixturesim exits with its program's status.
+TEST(Fixturesim, ExitStatusAndArgumentErrors) {
+  const std::tuple<int, std::vector<std::string>, std::string> cases[] = {
+      {2, {}, "PROGRAM: no PROGRAM to run (fixturesim [options] -- PROGRAM)"},
+      {2, {"true"}, "The following argument was not expected: true"},
+      {2, {"--bogus", "--", "true"}, "The following argument was not expected: --bogus"},
+      {2, {"--wells", "3", "--", "true"}, "--wells: Value 3 not in range 1 to 2"},
+      {2, {"--missing", "2-9", "--", "true"}, "--missing: must be 1-8, not '9'"},
+      {2, {"--missing", "4-2", "--", "true"}, "--missing: range 4-2 runs backwards"},
+      {2, {"--unplug", "3", "--", "true"}, "--unplug: takes TARGET@SECONDS, not '3'"},
+      {2, {"--unplug", "3@soon", "--", "true"}, "--unplug: 'soon' is not a number of seconds"},
+      {2, {"--dio-gone", "2@1", "--", "true"}, "--dio-gone: must be 0-1, not '2'"},
+      {2, {"--dio-status", "0:300", "--", "true"}, "--dio-status: must be 0-255, not '300'"},
+      {2, {"--garble", "0", "--", "true"}, "--garble: Value 0 not in range 1 to 2"},
+      {2, {"--vcd", "/no/w", "--", "true"}, "--vcd: cannot write /no/w: No such file or directory"},
+      {2,
+       {"--trace", "/proc/t", "--", "true"},
        "--trace: cannot write /proc/t: No such file or directory"},
-      {{"--serial-number", "X", "--", "/nonexistent/p"},
-       "--serial-number: cannot find /nonexistent/p"},
-      {{"--config", "/nonexistent", "--", "true"}, "--config: File does not exist: /nonexistent"},
+      {2, {"--serial-number", "X", "--", "/no/p"}, "--serial-number: cannot find /no/p"},
+      {2, {"--config", "/no", "--", "true"}, "--config: File does not exist: /no"},
+      {0, {"--quiet", "--", "true"}, ""},
+      {7, {"--quiet", "--", "sh", "-c", "exit 7"}, ""},
+      {128 + 15, {"--quiet", "--", "sh", "-c", "kill -TERM $$"}, ""},
+      {127,
+       {"--quiet", "--", "/no/p"},
+       "fixturesim: cannot run /no/p: No such file or directory\n"},
   };
-  for (const auto& [args, message] : cases) {
+  for (const auto& [status, args, why] : cases) {
     std::vector<std::string> argv{kSim};
     argv.insert(argv.end(), args.begin(), args.end());
     const auto ran = run(argv);
-    EXPECT_EQ(ran.status, 2) << message;
-    EXPECT_EQ(ran.err, "fixturesim: " + message + "\nTry fixturesim --help.\n");
+    EXPECT_EQ(ran.status, status) << why;
+    EXPECT_EQ(ran.err, status == 2 ? "fixturesim: " + why + "\nTry fixturesim --help.\n" : why);
     EXPECT_EQ(ran.out, "");
   }
-  const auto help = run({kSim, "--help"});
-  EXPECT_EQ(help.status, 0);
-  EXPECT_NE(help.out.find("usage: fixturesim [options] -- PROGRAM [ARGS...]"), std::string::npos);
+  EXPECT_NE(run({kSim, "--help"}).out.find("usage: fixturesim [options] -- PROGRAM [ARGS...]"),
+            std::string::npos);
   EXPECT_EQ(run({kSim, "--version"}).out, "fixturesim 4.1.0\n");
 }
 
-TEST(Fixturesim, ExitsWithTheProgramsStatus) {
-  const std::pair<std::vector<std::string>, int> cases[] = {
-      {{"true"}, 0},
-      {{"sh", "-c", "exit 7"}, 7},
-      {{"sh", "-c", "kill -TERM $$"}, 128 + 15},
-      {{"/nonexistent/program"}, 127},
-  };
-  for (const auto& [program, status] : cases) {
-    std::vector<std::string> argv{kSim, "--quiet", "--"};
-    argv.insert(argv.end(), program.begin(), program.end());
-    EXPECT_EQ(run(argv).status, status) << program.back();
-  }
-}
-
 // The program sees the fixture's devices, runs under the preload even when fixturesim was
-// started without it, and the testbed is gone afterwards.
+// started without it, and the testbed is gone afterwards; fixturesim says what it built and
+// where its files are.
 TEST(Fixturesim, RunsTheProgramInsideTheFixtureAndCleansUp) {
+  tools_test::ScratchDir dir;
   const auto ran =
-      run({kSim, "--quiet", "--wells", "1", "--missing", "3", "--", "sh", "-c",
+      run({kSim, "--wells", "1", "--missing", "3", "--dio", "1", "--operator", "auto", "--trace",
+           dir / "t.trace", "--vcd", dir / "w.vcd", "--", "sh", "-c",
            "echo $UMOCKDEV_DIR; ls /dev | grep usbmodem; ls /sys/bus/usb/devices | grep -vc :"},
           {"LD_PRELOAD"});
   ASSERT_EQ(ran.status, 0) << ran.err;
@@ -78,22 +73,13 @@ TEST(Fixturesim, RunsTheProgramInsideTheFixtureAndCleansUp) {
   }
   EXPECT_EQ(links, (std::vector<std::string>{"tty.usbmodemVEL_01_A1", "tty.usbmodemVEL_02_A1",
                                              "tty.usbmodemVEL_04_A1"}));
-  // Root hub, well hub, 3 site hubs with UART and board each, 2 DIO modules.
-  EXPECT_EQ(line, "13");
+  EXPECT_EQ(line, "12");  // root hub, well hub, 3 site hubs with UART and board each, DIO module
   ASSERT_FALSE(testbed.empty());
   EXPECT_FALSE(std::filesystem::exists(testbed)) << testbed;
-}
-
-TEST(Fixturesim, SaysWhatItBuiltAndWhereItsFilesAre) {
-  tools_test::ScratchDir dir;
-  const auto ran = run({kSim, "--wells", "2", "--dio", "1", "--operator", "auto", "--trace",
-                        dir / "t.trace", "--vcd", dir / "w.vcd", "--", "true"});
-  ASSERT_EQ(ran.status, 0);
-  EXPECT_NE(ran.err.find("fixturesim: 2 well(s), sites 1,2,3,4,5,6,7,8, DIO modules 1, "
-                         "operator auto\n"),
+  EXPECT_NE(ran.err.find("fixturesim: 1 well(s), sites 1,2,4, DIO modules 1, operator auto\n"
+                         "fixturesim: sh exited with status 0; "),
             std::string::npos)
       << ran.err;
-  EXPECT_NE(ran.err.find("fixturesim: true exited with status 0; "), std::string::npos);
   EXPECT_NE(ran.err.find("; trace " + (dir / "t.trace") + "; waveform " + (dir / "w.vcd")),
             std::string::npos);
   EXPECT_NE(tools_test::read_file(dir / "t.trace").find("usb       1-4=add"), std::string::npos);

@@ -2,15 +2,14 @@
 // output captured, a scratch directory, and a VCD reader.
 #pragma once
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -24,80 +23,46 @@ extern char** environ;
 namespace tools_test {
 
 struct Ran {
-  int status = -1;  // exit status, 128 + N for signal N, -1 when it had to be killed
+  int status = -1;  // exit status, 128 + N for signal N (9 when it overran)
   std::string out, err;
 };
 
-// Runs argv[0] (searched in PATH) with the environment changed by `env` ("NAME=value" sets,
-// "NAME" alone removes), in `dir` when given. Killed after `timeout` seconds.
+// Runs argv[0] (searched in PATH) through env(1) with the environment changed by `env`
+// ("NAME=value" sets, "NAME" alone removes), in `dir` when given, killed after `timeout` seconds.
 inline Ran run(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
                double timeout = 120, const std::string& dir = "") {
-  std::vector<std::string> environment;
-  for (char** e = environ; *e; ++e) environment.push_back(*e);
+  std::vector<std::string> words{"/usr/bin/env", "-C", dir.empty() ? "." : dir};
   for (const auto& change : env) {
-    const std::string name = change.substr(0, change.find('='));
-    std::erase_if(environment, [&](const std::string& e) { return e.rfind(name + "=", 0) == 0; });
-    if (change.find('=') != std::string::npos) environment.push_back(change);
+    if (change.find('=') == std::string::npos) words.push_back("-u");
+    words.push_back(change);
   }
-  std::vector<char*> envp, args;
-  for (auto& e : environment) envp.push_back(e.data());
-  envp.push_back(nullptr);
-  std::vector<std::string> argvCopy = argv;
-  for (auto& a : argvCopy) args.push_back(a.data());
+  words.insert(words.end(), argv.begin(), argv.end());
+  std::vector<char*> args;
+  for (auto& w : words) args.push_back(w.data());
   args.push_back(nullptr);
-
-  int out[2], err[2];
-  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return {};
+  const int out = memfd_create("out", MFD_CLOEXEC), err = memfd_create("err", MFD_CLOEXEC);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-  if (!dir.empty()) posix_spawn_file_actions_addchdir_np(&actions, dir.c_str());
+  posix_spawn_file_actions_adddup2(&actions, out, 1);
+  posix_spawn_file_actions_adddup2(&actions, err, 2);
   pid_t pid = 0;
-  const int spawned = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  close(out[1]);
-  close(err[1]);
   Ran ran;
-  if (spawned != 0) {
-    close(out[0]);
-    close(err[0]);
-    ran.err = "cannot run " + argv[0];
-    return ran;
+  if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ) == 0) {
+    pollfd exited{int(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
+    if (poll(&exited, 1, int(timeout * 1000)) == 0) kill(pid, SIGKILL);
+    close(exited.fd);
+    waitpid(pid, &ran.status, 0);
+    ran.status = WIFSIGNALED(ran.status) ? 128 + WTERMSIG(ran.status) : WEXITSTATUS(ran.status);
   }
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout);
-  pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  std::string* into[2] = {&ran.out, &ran.err};
-  int open = 2;
-  bool killed = false;
-  while (open > 0) {
-    if (std::chrono::steady_clock::now() > deadline && !killed) {
-      kill(pid, SIGKILL);
-      killed = true;
-    }
-    if (poll(fds, 2, 200) <= 0) continue;
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP))) continue;
-      char buf[4096];
-      const ssize_t n = read(fds[i].fd, buf, sizeof buf);
-      if (n > 0) {
-        into[i]->append(buf, static_cast<size_t>(n));
-      } else {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        --open;
-      }
-    }
+  posix_spawn_file_actions_destroy(&actions);
+  for (auto [fd, into] : {std::pair{out, &ran.out}, std::pair{err, &ran.err}}) {
+    char buf[4096];
+    for (ssize_t n; (n = pread(fd, buf, sizeof buf, off_t(into->size()))) > 0;)
+      into->append(buf, n);
+    close(fd);
   }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  ran.status = killed                ? -1
-               : WIFEXITED(status)   ? WEXITSTATUS(status)
-               : WIFSIGNALED(status) ? 128 + WTERMSIG(status)
-                                     : -1;
   return ran;
 }
-
 // A directory of its own under the system's temporary directory, removed with its contents.
 class ScratchDir {
  public:

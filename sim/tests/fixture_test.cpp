@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <optional>
 #include <thread>
 
@@ -19,47 +19,33 @@ namespace {
 
 using sim::BootMode;
 
-// Lines written to a site's port as the library would, and a way to know the fixture has taken
-// them all: our trace listener comes after the units' one, so seeing the marker line means
-// every line before it was handled.
+// Writes lines to a site's port as the library would, then waits until the fixture has taken them
+// all: our trace listener comes after the units' one, so seeing the marker line means every line
+// before it was handled.
 class Port {
  public:
-  Port(sim::Fixture& fixture, int site) : site_(site) {
-    fd_ = open(sim::board_devnode(site).c_str(), O_RDWR | O_NOCTTY);
-    fixture.testbed().on_trace([state = state_, site](const sim::TraceEvent& e) {
-      if (e.source != "site" + std::to_string(site) || e.what != "vel_marker\n") return;
-      std::lock_guard lock(state->mutex);
-      ++state->markers;
-      state->cv.notify_all();
+  Port(sim::Fixture& fixture, int site)
+      : fd_(open(sim::board_devnode(site).c_str(), O_RDWR | O_NOCTTY)) {
+    fixture.testbed().on_trace([markers = markers_, site](const sim::TraceEvent& e) {
+      if (e.source == "site" + std::to_string(site) && e.what == "vel_marker\n") ++*markers;
     });
   }
   ~Port() { close(fd_); }
   int fd() const { return fd_; }
 
-  void send(const std::vector<std::string>& lines) {
-    int expected = 0;
-    {
-      std::lock_guard lock(state_->mutex);
-      expected = state_->markers + 1;
-    }
+  void send(std::vector<std::string> lines) {
+    const int expected = *markers_ + 1;
+    lines.push_back("vel_marker\n");
     for (const auto& line : lines)
       ASSERT_EQ(write(fd_, line.data(), line.size()), ssize_t(line.size()));
-    const std::string marker = "vel_marker\n";
-    ASSERT_EQ(write(fd_, marker.data(), marker.size()), ssize_t(marker.size()));
-    std::unique_lock lock(state_->mutex);
-    ASSERT_TRUE(state_->cv.wait_for(lock, std::chrono::seconds(5),
-                                    [&] { return state_->markers >= expected; }));
+    for (int i = 0; i < 500 && *markers_ < expected; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_EQ(*markers_, expected);
   }
 
  private:
-  struct State {
-    std::mutex mutex;
-    std::condition_variable cv;
-    int markers = 0;
-  };
-  int site_;
-  int fd_ = -1;
-  std::shared_ptr<State> state_ = std::make_shared<State>();
+  int fd_;
+  std::shared_ptr<std::atomic<int>> markers_ = std::make_shared<std::atomic<int>>(0);
 };
 
 struct BootCase {

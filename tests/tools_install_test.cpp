@@ -48,7 +48,7 @@ TEST(Install, HostBuildsAgainstTheInstalledTreeAndRunsInTheFixture) {
         "lib/pkgconfig/brakwell.pc", "lib/cmake/Brakwell/BrakwellConfig.cmake",
         "lib/udev/rules.d/60-brakwell.rules", "lib/udev/rules.d/70-brakwell-access.rules",
         "lib/sysusers.d/brakwell.conf", "share/doc/brakwell/copyright",
-        "share/man/man1/fixturectl.1", "share/man/man1/fixturesim.1",
+        "share/man/man1/fixturectl.1.gz", "share/man/man1/fixturesim.1.gz",
         "share/bash-completion/completions/fixturectl",
         "share/bash-completion/completions/fixturesim"}) {
     EXPECT_TRUE(fs::exists(fs::path(prefix) / file)) << file;

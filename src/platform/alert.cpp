@@ -39,18 +39,19 @@ bool show_dialog(const char* title, const char* message, const char* button) {
 
 }  // namespace
 
-void alert(const char* title, const char* message, const char* button) {
+void alert(const char* title, const char* message, const char* button) noexcept {
   title = title ? title : "";
   message = message ? message : "";
   button = button ? button : "";
-  {
-    std::lock_guard lock(sinkMutex);
-    if (sink) {
-      sink(title, message, button, sinkContext);
-      return;
-    }
+  if (std::lock_guard lock(sinkMutex); sink) {
+    sink(title, message, button, sinkContext);
+    return;
   }
-  if (graphical_session() && show_dialog(title, message, button)) return;
+  try {
+    if (graphical_session() && show_dialog(title, message, button)) return;
+  } catch (...) {
+    // No memory to start the dialog: the text channels below still tell the operator.
+  }
   std::fprintf(stderr, "%s: %s\n", title, message);
   std::fflush(stderr);
   syslog(LOG_USER | LOG_NOTICE, "%s: %s", title, message);

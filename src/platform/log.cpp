@@ -63,18 +63,22 @@ void deliver(bool toSyslog, const std::string& text) {
 
 }  // namespace
 
-void log(const char* format, ...) {
+// A line that cannot be made (no memory) is lost; the call that logs it goes on.
+void log(const char* format, ...) noexcept {
   va_list args;
   va_start(args, format);
-  const std::string text = format_text(format, args);
-  va_end(args);
-  syslog(LOG_USER | LOG_NOTICE, "%s", text.c_str());
-  if (mirror_to_stderr()) {
-    std::string line = text;
-    if (line.empty() || line.back() != '\n') line += '\n';
-    std::fwrite(line.data(), 1, line.size(), stderr);
+  try {
+    const std::string text = format_text(format, args);
+    syslog(LOG_USER | LOG_NOTICE, "%s", text.c_str());
+    if (mirror_to_stderr()) {
+      std::string line = text;
+      if (line.empty() || line.back() != '\n') line += '\n';
+      std::fwrite(line.data(), 1, line.size(), stderr);
+    }
+    deliver(true, text);
+  } catch (...) {
   }
-  deliver(true, text);
+  va_end(args);
 }
 
 std::string device_text(std::string_view text) {
@@ -93,20 +97,26 @@ std::string device_text(std::string_view text) {
   return out;
 }
 
-void print(const char* format, ...) {
+void print(const char* format, ...) noexcept {
   va_list args;
   va_start(args, format);
-  const std::string text = format_text(format, args);
+  try {
+    const std::string text = format_text(format, args);
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+    deliver(false, text);
+  } catch (...) {
+  }
   va_end(args);
-  std::fwrite(text.data(), 1, text.size(), stdout);
-  std::fflush(stdout);
-  deliver(false, text);
 }
 
-void print_line(const char* text) {
+void print_line(const char* text) noexcept {
   std::puts(text);
   std::fflush(stdout);
-  deliver(false, std::string(text) + "\n");
+  try {
+    deliver(false, std::string(text) + "\n");
+  } catch (...) {
+  }
 }
 
 void debug(const char* format, ...) {

@@ -21,8 +21,9 @@ namespace brakwell::platform {
 
 // One line to the system log (syslog, LOG_USER | LOG_NOTICE), printf's format where "%@" takes a
 // const char* text; mirrored to standard error when BRAKWELL_LOG was "stderr" at the first line.
-// Any thread; blocks on the sink lock and syslog(); never calls openlog.
-void log(const char* format, ...);
+// Any thread; blocks on the sink lock and syslog(); never calls openlog. Never throws: a line
+// that cannot be made for want of memory is lost.
+void log(const char* format, ...) noexcept;
 
 // A device's text (USB string, board reply) fit for one log line: bytes below 0x20 and 0x7f
 // become \xNN so a device can neither forge lines nor send terminal escapes; other bytes, valid
@@ -30,11 +31,12 @@ void log(const char* format, ...);
 std::string device_text(std::string_view text);
 
 // A message to standard output in log()'s format, written as is (no newline added) and flushed.
-// Any thread; never goes to the system log.
-void print(const char* format, ...);
+// Any thread; never goes to the system log; never throws.
+void print(const char* format, ...) noexcept;
 
-// A line to standard output followed by a newline, as puts() does, flushed. Any thread.
-void print_line(const char* text);
+// A line to standard output followed by a newline, as puts() does, flushed. Any thread; never
+// throws.
+void print_line(const char* text) noexcept;
 
 // A debug trace line ("brakwell: ...") to standard error when BRAKWELL_DEBUG is "1": why a device
 // was skipped, why a name is empty, which libusb call failed and how. Any thread; off by default;
@@ -85,7 +87,7 @@ const char* post_control_alt_chord(ChordLetter letter);
 // dismissed it: a zenity dialog with a graphical session (DISPLAY or WAYLAND_DISPLAY) and zenity
 // in a system directory, else title and message to standard error and the system log at once.
 // Caller's thread; blocks on the dialog process; null texts read as empty.
-void alert(const char* title, const char* message, const char* button);
+void alert(const char* title, const char* message, const char* button) noexcept;
 
 // Test seam: while a sink is attached every alert goes to it instead, on the caller's thread
 // under a lock. nullptr detaches.

@@ -153,10 +153,12 @@ bool status_test(TestId id, int well) {
   return t.holds(status);
 }
 
-void post_chord(const char* name, brakwell::platform::ChordLetter letter) {
+void post_chord(const char* name, brakwell::platform::ChordLetter letter) try {
   if (const char* why = brakwell::platform::post_control_alt_chord(letter)) {
     log("VELMORA: %s, no virtual keyboard: %s", name, why);
   }
+} catch (...) {
+  brakwell::platform::failed(name);
 }
 
 }  // namespace

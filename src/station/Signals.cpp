@@ -109,7 +109,9 @@ void log_outcome(const char* name, int uut, const char* command, bool written,
   log(format.c_str(), brakwell::one_based(uut), command);
 }
 
-bool send_signal(Id id, int uut, bool on) {
+// Each exported signal call is one of these three; their line texts are made on the heap, so
+// this is where the calls' exception boundary is.
+bool send_signal(Id id, int uut, bool on) try {
   const Signal& s = kSignals[id];
   if (s.entry) log(s.entry, brakwell::one_based(uut), on);
   if (s.departure == Departure::BeforeLine) {
@@ -122,10 +124,12 @@ bool send_signal(Id id, int uut, bool on) {
   const bool written = write_line(uut, command);
   log_outcome(s.name, uut, command, written, s.departure == Departure::Wrote ? "wrote" : "write");
   return written;
+} catch (...) {
+  return brakwell::platform::failed(kSignals[id].name, false);
 }
 
 // Reset and power-off of a whole well put the same line on every site's board.
-bool reset_each_site(const char* name, int well) {
+bool reset_each_site(const char* name, int well) try {
   log((std::string(kPrefix) + name + " WELL:%d").c_str(), brakwell::one_based(well));
   const int first = brakwell::station::first_uut_only_one(well);
   for (int uut = first; uut < first + brakwell::station::kSitesPerWell; ++uut) {
@@ -133,16 +137,20 @@ bool reset_each_site(const char* name, int well) {
     log_outcome(name, uut, kReset, write_line(uut, kReset), "wrote");
   }
   return true;
+} catch (...) {
+  return brakwell::platform::failed(name, false);
 }
 
 // Hi5 boot-mode entry: enable, then the mode line, whatever the first write did.
-bool hi5_enter(const char* name, int uut, const char* mode, double pause) {
+bool hi5_enter(const char* name, int uut, const char* mode, double pause) try {
   log((std::string(kPrefix) + name + " UUT:%d").c_str(), brakwell::one_based(uut));
   log_outcome(name, uut, kHi5Enable, write_line(uut, kHi5Enable));
   sleep_seconds(pause);
   const bool written = write_line(uut, mode);
   log_outcome(name, uut, mode, written);
   return written;
+} catch (...) {
+  return brakwell::platform::failed(name, false);
 }
 
 }  // namespace

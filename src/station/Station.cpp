@@ -49,7 +49,7 @@ bool SOC_LibVersion(char* buffer, int size) {
   return true;
 }
 
-bool SOC_Start(void) {
+bool SOC_Start(void) try {
   log("VELMORA: ***************SOC_Start***************");
   g_SlotNumber = 0;
   g_WellNumber = 0;
@@ -79,6 +79,8 @@ bool SOC_Start(void) {
   if (g_WellNumber == 1) g_SlotNumber = 4;
   if (g_WellNumber == 2) g_SlotNumber = 8;
   return found;
+} catch (...) {
+  return brakwell::platform::failed("SOC_Start", false);
 }
 
 void SOC_Done(void) {

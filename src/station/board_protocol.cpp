@@ -37,7 +37,7 @@ constexpr double kReplyWait = 0.3;
 
 double now() { return brakwell::platform::monotonic_seconds(); }
 
-int query_status(int uut, const char* name) {
+int query_status(int uut, const char* name) try {
   int status = -1;
   {
     const auto port = brakwell::link::hold_port(uut);
@@ -52,6 +52,8 @@ int query_status(int uut, const char* name) {
   if (status < 0) return -1;
   log("VELMORA: %s UUT:%d, result:%d", name, uut + 1, status);
   return status;
+} catch (...) {
+  return brakwell::platform::failed(name, -1);
 }
 
 struct RunLedAction {

@@ -71,7 +71,7 @@ int site_of_port_path(const char* path) {
 
 }  // namespace brakwell::link
 
-extern "C" int listSerialPorts(void) {
+extern "C" int listSerialPorts(void) try {
   std::vector<brakwell::platform::SerialPort> ports;
   if (!brakwell::platform::list_serial_ports(&ports)) {
     print_line("createSerialIterator failed");
@@ -97,6 +97,8 @@ extern "C" int listSerialPorts(void) {
     }
   }
   return 1;
+} catch (...) {
+  return brakwell::platform::failed("listSerialPorts", 0);
 }
 
 extern "C" void matchDIO_UART(void) {

@@ -140,7 +140,7 @@ using namespace brakwell::usb;
 
 extern "C" {
 
-const char* getUSBLocationForUART(long vendorId, long productId) {
+const char* getUSBLocationForUART(long vendorId, long productId) try {
   // Eight "0x%x" fields of at most ten characters and seven commas.
   thread_local char result[kUartSlots * 11];
   std::string slots[kUartSlots];
@@ -166,9 +166,11 @@ const char* getUSBLocationForUART(long vendorId, long productId) {
   if (b1 == -1 && b2 == -1) return "error";
   fill_usb_location(slots);
   return brakwell::result_text(result, joined);
+} catch (...) {
+  return brakwell::platform::failed("getUSBLocationForUART", "error");
 }
 
-const char* getUSBLocationForMCU(long vendorId, long productId) {
+const char* getUSBLocationForMCU(long vendorId, long productId) try {
   thread_local char result[16];
   std::string found;
   const bool enumerated =
@@ -176,9 +178,11 @@ const char* getUSBLocationForMCU(long vendorId, long productId) {
         if (contains_ignoring_case(name, "DFU Mode")) found = location_text(location);
       });
   return enumerated ? brakwell::result_text(result, found) : "error";
+} catch (...) {
+  return brakwell::platform::failed("getUSBLocationForMCU", "error");
 }
 
-int getDifferentLocationIndex(const char* text1, const char* text2) {
+int getDifferentLocationIndex(const char* text1, const char* text2) try {
   const std::u16string a = utf16_units(text1), b = utf16_units(text2);
   const int l1 = static_cast<int>(a.size()), l2 = static_cast<int>(b.size());
   if (l1 != l2) {
@@ -194,6 +198,8 @@ int getDifferentLocationIndex(const char* text1, const char* text2) {
   }
   log("Error strLen1:%d, strLen2:%d", l1, l1);
   return -1;
+} catch (...) {
+  return brakwell::platform::failed("getDifferentLocationIndex", -1);
 }
 
 void addToUartLocationIDList(const char* uartName, uint32_t locationID) try {

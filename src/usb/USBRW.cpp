@@ -115,7 +115,7 @@ extern "C" {
 
 // Whatever the module already holds stays: only closeUSB gives it up. The previous device list
 // and device reference are replaced (and given back).
-int openUSB(int m) {
+int openUSB(int m) try {
   if (!valid_module(m)) return 0;
   brakwell::platform::usb::on_context_end(release_all_modules);
   Module& module = modules[m];
@@ -141,6 +141,8 @@ int openUSB(int m) {
   module.service = libusb_ref_device(device);
   dealWithDevice(m, device);
   return 1;
+} catch (...) {
+  return brakwell::platform::failed("openUSB", 0);
 }
 
 void dealWithDevice(int m, libusb_device* service) {

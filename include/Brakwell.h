@@ -76,8 +76,8 @@ struct libusb_interface_descriptor;
  * above. A null handle never crashes the library; each call's answer to one is given below
  * ("null:"), and none of those answers logs anything unless it says so.
  * Sites are 1-based within the handle's well: the station-wide UUT number is site + 4 when the
- * handle's index is exactly 1, else site. The calls that drive a site's board refuse a site
- * below 1 as they refuse a null handle; the signal flags and state getters take any site.
+ * handle's index is exactly 1, else site. A site below 1 is refused like a null handle, except
+ * by the signal flags and state getters, which take any site.
  *
  * The two well rules. A call that takes a well (or uses the handle's index as one) reads it one
  * of two ways, marked on each call:

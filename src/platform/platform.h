@@ -116,6 +116,11 @@ std::string system_program(const char* name);
 // Caller's thread; blocks until the child ends; never searches PATH.
 int run_program(const std::string& path, const char* const* argv, int stdoutFd = -1);
 
+// True in a forked child of the process that loaded the library. The child's copy of the
+// library's state is its parent's: it releases none of it and takes none of its locks, which
+// another thread of the parent may have held at the fork. Any thread; never blocks.
+bool forked_child();
+
 // Writes `lsusb -v` to `path`, which must not exist yet (O_EXCL|O_NOFOLLOW, mode 0600: it lists
 // every serial number). False, with a debug trace, when the file cannot be made or lsusb cannot
 // run. Caller's thread; blocks until lsusb ends; never overwrites or follows a link.

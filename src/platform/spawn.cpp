@@ -62,4 +62,10 @@ bool write_usb_report(const std::string& path) {
   return status != -1;
 }
 
+namespace {
+const pid_t loadedBy = getpid();
+}  // namespace
+
+bool forked_child() { return getpid() != loadedBy; }
+
 }  // namespace brakwell::platform

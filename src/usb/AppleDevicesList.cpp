@@ -50,6 +50,7 @@ std::map<int, intptr_t> latestArm;
 // state is made at first use, after this object, and so is destroyed before it.
 struct ReleaseAtUnload {
   ~ReleaseAtUnload() {
+    if (brakwell::platform::forked_child()) return;
     std::lock_guard lock(trackerMutex);
     for (auto& [id, w] : watches) {
       for (AppleDevRecord*& entry : g_pListAppleDev) {

@@ -1,28 +1,16 @@
-"""The install tree and the .deb that cpack makes of it: the files, lintian, and a small C host
-(strict C99, the header alone) built through pkg-config and find_package(Brakwell) against the
-unpacked package and run inside its fixturesim."""
+"""The install tree and the .deb that cpack makes of it: the files, lintian, and an example host
+built through pkg-config and find_package(Brakwell) against the unpacked package, run inside its
+fixturesim."""
 import os, shutil, subprocess  # noqa: E401
+from pathlib import Path
 
 BUILD = os.environ["BRAKWELL_BINARY_DIR"]
 ENV = {**os.environ, "ASAN_OPTIONS": "verify_asan_link_order=0"}  # hosts of a sanitized build
-HOST = r"""#include <Brakwell.h>
-#include <stdio.h>
-
-int main(void) {
-  char version[32];
-  FixtureController *h = create_fixture_controller(0);
-  int sites = get_site_count(h);
-  int led = set_led_state(h, 1, 1);
-  int lib = SOC_LibVersion(version, sizeof version);
-  printf("%s|%s|%d|%d\n", get_vendor(), lib ? version : "?", sites, led);
-  release_fixture_controller(h);
-  return sites == 8 && led == 0 ? 0 : 1;
-}
-"""
-PROJECT = """cmake_minimum_required(VERSION 3.16)
+HOST = Path(__file__).resolve().parents[1] / "examples/list_fixture.c"  # strict C99
+PROJECT = f"""cmake_minimum_required(VERSION 3.16)
 project(host C)
 find_package(Brakwell 4.1 REQUIRED)
-add_executable(host host.c)
+add_executable(host {HOST})
 target_link_libraries(host PRIVATE Brakwell::Brakwell)
 """
 
@@ -64,21 +52,20 @@ def test_package_holds_the_install_tree_and_hosts_build_and_run_against_it(tmp_p
     usr, moved = tmp_path / "root/usr", tmp_path / "moved"
     run("dpkg-deb", "-x", deb, tmp_path / "root")
     assert (usr / "lib/libBrakwell.so.4").is_symlink()
-    (tmp_path / "host.c").write_text(HOST)
     (tmp_path / "CMakeLists.txt").write_text(PROJECT)
     usr.rename(moved)
     flags = run("pkg-config", "--cflags", "--libs", "brakwell",
                 env={**ENV, "PKG_CONFIG_PATH": f"{moved}/lib/pkgconfig"}).split()
     assert flags[0].startswith(f"-I{moved}/")
-    run("cc", "-std=c99", "-pedantic", "-Wall", "-Werror", "host.c", *flags,
+    run("cc", "-std=c99", "-pedantic", "-Wall", "-Werror", HOST, *flags,
         f"-Wl,-rpath,{usr}/lib", "-o", "host-pc", cwd=tmp_path)
     moved.rename(usr)
     run("cmake", "-S", tmp_path, "-B", tmp_path / "build", f"-DCMAKE_PREFIX_PATH={usr}")
     run("cmake", "--build", tmp_path / "build")
     for host in (tmp_path / "host-pc", tmp_path / "build/host"):
-        trace = tmp_path / f"{host.name}.trace"
-        assert run(usr / "bin/fixturesim", "--quiet", "--trace", trace, "--", host) == \
-            "Velmora Technologies|Velmora Lumbrix 4.01|8|0\n"
-        assert "site1     < vel_pass_led_on" in trace.read_text()
+        listed = run(usr / "bin/fixturesim", "--quiet", "--", host).splitlines()
+        assert listed[0] == "Velmora Technologies fixture: 2 well(s), 8 sites", listed
+        assert listed[8] == "site 8  well 2  board /dev/tty.usbmodemVEL_08_A1  console " \
+            "/dev/cu.usbserial-RT000008"
     ctl = run(usr / "bin/fixturesim", "--quiet", "--", usr / "bin/fixturectl", "--json", "start")
     assert '"slots":8' in ctl

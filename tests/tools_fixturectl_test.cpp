@@ -228,9 +228,8 @@ TEST(Fixturectl, PressWaitsForTheOperatorWithProgress) {
 
 TEST(Fixturectl, DemoDrivesEverySiteAndSigrokReadsEachSitesSignals) {
   tools_test::ScratchDir dir;
-  const auto ran = run({kSim, "--operator", "auto", "--vcd", dir / "demo.vcd", "--trace",
-                        dir / "demo.trace", "--", kCtl, "demo"},
-                       {}, 300);
+  const auto ran =
+      run({kSim, "--operator", "auto", "--vcd", dir / "demo.vcd", "--", kCtl, "demo"}, {}, 300);
   ASSERT_EQ(ran.status, 0) << ran.out << ran.err;
   for (const char* step : {"== start the station", "== the operator's two-hand press",
                            "power up: 8 site(s) at once in ", "== boot modes, every site at once",
@@ -252,9 +251,6 @@ TEST(Fixturectl, DemoDrivesEverySiteAndSigrokReadsEachSitesSignals) {
     const auto& unit = vcd.vars.at("fixture." + site + "." + site + ".unit");
     EXPECT_EQ(unit.values[1].second, "b10") << site;  // code 2 is recovery on every site
   }
-  const std::string trace = tools_test::read_file(dir / "demo.trace");
-  EXPECT_TRUE(has(trace, "site1     < vel_forcedfu_on")) << trace.substr(0, 2000);
-  EXPECT_TRUE(has(trace, "site8     < vel_hi5_disable"));
 }
 
 }  // namespace

@@ -105,9 +105,7 @@ TEST(UdevRules, NameAndOpenTheFixturesDevicesOnlyAndLeaveStrangersAlone) {
       {"another CDC port", device("add", "ttyACM9", "2341:0043", "7563331"), " "},
   };
   for (const auto& row : rows) EXPECT_EQ(apply(row.device), row.expected) << row.what;
-}
-
-TEST(UdevRules, EveryGroupTheyGiveIsMadeBySysusers) {
+  // Every group the rules give is made by sysusers.
   std::ifstream in(std::string(BRAKWELL_SOURCE_DIR) + "/packaging/sysusers.d/brakwell.conf");
   const std::string text((std::istreambuf_iterator<char>(in)), {});
   EXPECT_NE(text.find("\ng brakwell -\ng brakwell-input -\n"), std::string::npos) << text;

@@ -1,12 +1,9 @@
-// For the tests of fixturesim, fixturectl and the installed tree: running a program with its
-// output captured, a scratch directory, and a VCD reader.
+// For the tests of fixturesim and fixturectl as programs: running one with its output captured,
+// a scratch directory, and a VCD reader.
 #pragma once
 
-#include <poll.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,10 +25,11 @@ struct Ran {
 };
 
 // Runs argv[0] (searched in PATH) through env(1) with the environment changed by `env`
-// ("NAME=value" sets, "NAME" alone removes), in `dir` when given, killed after `timeout` seconds.
+// ("NAME=value" sets, "NAME" alone removes), killed after `timeout` seconds.
 inline Ran run(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
-               double timeout = 120, const std::string& dir = "") {
-  std::vector<std::string> words{"/usr/bin/env", "-C", dir.empty() ? "." : dir};
+               double timeout = 120) {
+  std::vector<std::string> words{"/usr/bin/timeout", "-s", "KILL", std::to_string(timeout),
+                                 "/usr/bin/env"};
   for (const auto& change : env) {
     if (change.find('=') == std::string::npos) words.push_back("-u");
     words.push_back(change);
@@ -48,9 +46,6 @@ inline Ran run(const std::vector<std::string>& argv, const std::vector<std::stri
   pid_t pid = 0;
   Ran ran;
   if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ) == 0) {
-    pollfd exited{int(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
-    if (poll(&exited, 1, int(timeout * 1000)) == 0) kill(pid, SIGKILL);
-    close(exited.fd);
     waitpid(pid, &ran.status, 0);
     ran.status = WIFSIGNALED(ran.status) ? 128 + WTERMSIG(ran.status) : WEXITSTATUS(ran.status);
   }
@@ -63,29 +58,23 @@ inline Ran run(const std::vector<std::string>& argv, const std::vector<std::stri
   }
   return ran;
 }
+
 // A directory of its own under the system's temporary directory, removed with its contents.
-class ScratchDir {
- public:
-  ScratchDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "brakwell-tools-XXXXXX");
-    path_ = mkdtemp(pattern.data());
-  }
+struct ScratchDir {
+  std::string path = [] {
+    std::string p = std::filesystem::temp_directory_path() / "brakwell-tools-XXXXXX";
+    return std::string(mkdtemp(p.data()));
+  }();
   ~ScratchDir() {
     std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
+    std::filesystem::remove_all(path, ignored);
   }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
+  std::string operator/(const std::string& name) const { return path + "/" + name; }
 };
 
 inline std::string read_file(const std::string& path) {
   std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // A VCD file as a waveform viewer reads it: each variable by its full name
@@ -106,42 +95,25 @@ inline VcdFile read_vcd(const std::string& path) {
   std::ifstream in(path);
   std::vector<std::string> scopes;
   std::map<std::string, std::string> byId;
-  std::string word;
   long long time = 0;
-  while (in >> word) {
-    if (!vcd.ok) {
-      if (word == "$scope") {
-        std::string kind, name;
-        in >> kind >> name >> word;
-        scopes.push_back(name);
-      } else if (word == "$upscope") {
-        in >> word;
-        if (!scopes.empty()) scopes.pop_back();
-      } else if (word == "$var") {
-        VcdVar var;
-        std::string id, name;
-        in >> var.type >> var.width >> id >> name >> word;
-        std::string full;
-        for (const auto& s : scopes) full += s + ".";
-        byId[id] = full + name;
-        vcd.vars[full + name] = var;
-      } else if (word == "$timescale") {
-        in >> vcd.timescale >> word;
-      } else if (word == "$enddefinitions") {
-        in >> word;
-        vcd.ok = true;
-      }
-      continue;
-    }
-    if (word[0] == '#') {
-      time = std::stoll(word.substr(1));
-    } else if (word[0] == 'b' || word[0] == 'r') {
-      std::string id;
-      in >> id;
-      if (byId.count(id)) vcd.vars[byId[id]].values.emplace_back(time, word);
-    } else if (word[0] == '0' || word[0] == '1' || word[0] == 'x' || word[0] == 'z') {
-      const std::string id = word.substr(1);
-      if (byId.count(id)) vcd.vars[byId[id]].values.emplace_back(time, word.substr(0, 1));
+  for (std::string w, id, name; in >> w;) {
+    if (w == "$scope" && in >> name >> name) {
+      scopes.push_back(name);
+    } else if (w == "$upscope" && !scopes.empty()) {
+      scopes.pop_back();
+    } else if (VcdVar var; w == "$var" && in >> var.type >> var.width >> id >> name) {
+      for (auto s = scopes.rbegin(); s != scopes.rend(); ++s) name = *s + "." + name;
+      vcd.vars[byId[id] = name] = var;
+    } else if (w == "$timescale") {
+      in >> vcd.timescale;
+    } else if (w == "$enddefinitions") {
+      vcd.ok = true;
+    } else if (vcd.ok && w[0] == '#') {
+      time = std::stoll(w.substr(1));
+    } else if (vcd.ok && (w[0] == 'b' || w[0] == 'r') && in >> id && byId.count(id)) {
+      vcd.vars[byId[id]].values.emplace_back(time, w);
+    } else if (vcd.ok && byId.count(w.substr(1))) {
+      vcd.vars[byId[w.substr(1)]].values.emplace_back(time, w.substr(0, 1));
     }
   }
   return vcd;

@@ -36,7 +36,7 @@ struct Bench {
 };
 
 class Station : public ::testing::Test {
- protected:
+ public:
   // A libusb context hears only the testbed that was current when it was made.
   Station() { brakwell::platform::usb::shutdown(); }
   ~Station() override {
@@ -151,6 +151,56 @@ TEST_F(Station, SecondStartRecountsAndDoneStopsEveryPort) {
   }
   EXPECT_EQ(g_WellNumber, 1u);  // the counts outlive the stop
   EXPECT_EQ(g_SlotNumber, 4u);
+}
+
+// A fresh bench with serial ports of these dial-in links, listed by libudev in this order.
+int scan(Station& s, std::initializer_list<std::string> links) {
+  s.build({});
+  std::memset(DIO_SerialDevice, 0, sizeof DIO_SerialDevice);
+  int n = 0;
+  for (const auto& link : links) {
+    const std::string tty = "ttyACM" + std::to_string(10 + n++);
+    s.bench->boards.add(
+        {0, "/dev/" + tty, link,
+         std::string(sim::kPciRoot) + "/usb1/1-9/1-9:1." + std::to_string(n) + "/tty/" + tty});
+  }
+  s.log.clear();
+  return listSerialPorts();
+}
+
+TEST_F(Station, SerialScanBindsBySiteNumberAfterTheFirstUnderscore) {
+  // A dial-in path of 41 characters ends the scan.
+  const std::string forty = "/dev/tty.usbmodemVEL_01_A" + std::string(15, 'x');
+  const std::string fortyOne = "/dev/tty.usbmodemVEL_02_A" + std::string(16, 'y');
+  EXPECT_EQ(scan(*this, {forty, fortyOne, "/dev/tty.usbmodemVEL_03_A1"}), -1);
+  EXPECT_STREQ(DIO_SerialDevice[0], forty.c_str());
+  EXPECT_STREQ(DIO_SerialDevice[1], "");
+  EXPECT_EQ(log.stdout_lines(), Lines{"dialInDevice [" + fortyOne + "] too long\n"});
+
+  EXPECT_EQ(scan(*this, {}), 1);
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(portConnected[i], 0);
+  EXPECT_EQ(
+      scan(*this, {"/dev/tty.usbmodemVEL_03_A1", "/dev/tty.usbmodemNOUNDERSCORE1",
+                   "/dev/tty.usbmodemX_09_1", "/dev/tty.usbmodemX_00_1", "/dev/tty.usbmodemX_ab_1",
+                   "/dev/tty.usbmodemVEL_05_A1", "/dev/tty.usbmodemOTHER_05_B1",
+                   "/dev/tty.usbmodemX_7", "/dev/tty.usbmodemX_1_2_3", "/dev/tty.serialonly_02"}),
+      1);
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(portConnected[i], 1);  // empty fragments match all
+  matchDIO_UART();
+  // Eight candidates fill the table; the ninth usbmodem port has no slot; a later one wins.
+  EXPECT_STREQ(DIO_SerialDevice[7], "/dev/tty.usbmodemX_7");
+  EXPECT_STREQ(DIO_UUTSerialDevice[2], "/dev/tty.usbmodemVEL_03_A1");
+  EXPECT_STREQ(DIO_UUTSerialDevice[4], "/dev/tty.usbmodemOTHER_05_B1");
+  for (int uut : {0, 1, 3, 5, 6, 7}) EXPECT_STREQ(DIO_UUTSerialDevice[uut], "") << uut;
+  EXPECT_TRUE(log.has("DIO_SerialDevice[0]:/dev/tty.usbmodemVEL_03_A1"));
+  EXPECT_TRUE(log.has("device [ttyACM10]  dialin [/dev/tty.usbmodemVEL_03_A1]\n"));
+  EXPECT_EQ(log.timed("Warning").size(), 6u);  // and none for the two bound ports
+  for (int uut = 1; uut <= 8; ++uut) {
+    const bool bound = uut == 3 || uut == 5;
+    const std::string warning = "Warning, UUT" + std::to_string(uut) + ", cannot open DIO";
+    EXPECT_EQ(log.has(warning + " serial port device "), !bound) << uut;
+    EXPECT_EQ(DIO_fileDescriptor[uut - 1] != -1, bound) << uut;
+  }
 }
 
 TEST_F(Station, DoneWithNoPortOpen) {

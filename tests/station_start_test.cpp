@@ -1,24 +1,17 @@
 // Station start and stop against the virtual fixture's USB bus and boards: the well count from
 // the board names, the enumeration order, a second start, the stop sequence and its timing, and
 // the version text.
-#include <Brakwell.h>
-#include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
-#include <memory>
 #include <set>
 
-#include "boards.h"
-#include "platform/platform.h"
 #include "support/station_fixture.h"
 #include "topology.h"
-#include "usb.h"
 
 namespace {
 
 constexpr double kReaderJitter = 0.05;  // board arrival times include the reader's wake-up
-using Lines = std::vector<std::string>;
+using testing_support::Lines;
 
 // A fixture with the fixture boards of the given sites (USB device and serial port each).
 struct Bench {
@@ -36,8 +29,6 @@ struct Bench {
 
 class Station : public ::testing::Test {
  public:
-  // A libusb context hears only the testbed that was current when it was made.
-  Station() { brakwell::platform::usb::shutdown(); }
   ~Station() override {
     for (int uut = 0; uut < 8; ++uut) CloseDIOSerialPort(uut);
     std::memset(DIO_SerialDevice, 0, sizeof DIO_SerialDevice);
@@ -45,6 +36,7 @@ class Station : public ::testing::Test {
     bench.reset();
     brakwell::platform::usb::shutdown();
   }
+  // A libusb context hears only the testbed that was current when it was made.
   void build(const std::set<int>& sites) {
     bench.reset();
     brakwell::platform::usb::shutdown();

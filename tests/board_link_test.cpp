@@ -17,7 +17,6 @@ using brakwell::platform::monotonic_seconds;
 using brakwell::platform::sleep_seconds;
 using testing_support::closed;
 using testing_support::Lines;
-using testing_support::Sent;
 using testing_support::Transcript;
 using Link = testing_support::StationFixture;
 constexpr const char* kQuery = brakwell::station::kStatusQuery;

@@ -12,10 +12,9 @@
 
 namespace {
 
+using testing_support::kReaderJitter;
 using testing_support::Lines;
 using testing_support::Transcript;
-// Arrival times of lines at a board include the reader thread's wake-up delay.
-constexpr double kReaderJitter = 0.05;
 constexpr const char* kQuery = brakwell::station::kStatusQuery;
 
 std::vector<std::string> replies(std::initializer_list<int> statuses) {

@@ -11,7 +11,6 @@ namespace {
 
 using testing_support::closed;
 using testing_support::Lines;
-using testing_support::Sent;
 using testing_support::Transcript;
 
 template <typename... Args>

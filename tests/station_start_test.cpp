@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr double kReaderJitter = 0.05;  // board arrival times include the reader's wake-up
+using testing_support::kReaderJitter;
 using testing_support::Lines;
 
 // A fixture with the fixture boards of the given sites (USB device and serial port each).

@@ -1,118 +1,126 @@
-// The fixture board link against virtual boards: discovery and binding, the port settings,
-// the bytes on the wire, the status query and the well-wide actions.
+// The fixture board link on a started station: the port settings, the bytes on the wire, the
+// status query and the well-wide actions. (The port scan and binding are the start suite's.)
 #include "station/board_link.h"
 
-#include <Brakwell.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <termios.h>
 
 #include <climits>
 #include <cstring>
 #include <thread>
 
-#include "boards.h"
-#include "common/station.h"
-#include "platform/platform.h"
-#include "support/log_capture.h"
-#include "topology.h"
+#include "support/station_fixture.h"
 
 namespace {
 
 using brakwell::platform::monotonic_seconds;
-using testing_support::LogCapture;
+using brakwell::platform::sleep_seconds;
+using testing_support::closed;
+using testing_support::Lines;
+using testing_support::Transcript;
+using Link = testing_support::StationFixture;
+constexpr const char* kQuery = brakwell::station::kStatusQuery;
 
-class BoardLink : public ::testing::Test {
- protected:
-  void TearDown() override {
-    for (int uut = 0; uut < 8; ++uut) CloseDIOSerialPort(uut);
-    // The name tables are never cleared by the library; each test starts from load state.
-    std::memset(DIO_SerialDevice, 0, sizeof DIO_SerialDevice);
-    std::memset(DIO_UUTSerialDevice, 0, sizeof DIO_UUTSerialDevice);
-  }
+// Runs a call with these UUTs' ports unbound: no name in the table.
+template <typename Call>
+int unbound(std::initializer_list<int> uuts, Call call) {
+  std::map<int, char> saved;
+  for (int uut : uuts) saved[uut] = std::exchange(DIO_UUTSerialDevice[uut][0], '\0');
+  const int result = call();
+  for (auto [uut, first] : saved) DIO_UUTSerialDevice[uut][0] = first;
+  return result;
+}
 
-  // Binds and opens the given sites directly (0.1 s per open), without a scan.
-  void open_sites(std::initializer_list<int> sites) {
-    for (int site : sites) {
-      boards.add_site(site);
-      std::strcpy(DIO_UUTSerialDevice[site - 1], sim::board_link(site).c_str());
-      ASSERT_TRUE(openDIO_UARTForWell1(site - 1));
+// Site 5 answers the query with these parts, `before` seconds and 0.05 s apart.
+void answer_later(double before, const char* first, const char* second) {
+  auto& board = Link::board(5);
+  board.set_responder([=, &board](const sim::ReceivedLine&) {
+    std::thread([=, &board] {
+      sleep_seconds(before);
+      board.reply(first);
+      sleep_seconds(0.05);
+      board.reply(second);
+    }).detach();
+    return std::nullopt;
+  });
+}
+
+std::string sent(const char* verb, const char* move, int well, int uut) {
+  return std::string("VELMORA: ") + verb + " vel_pne_" + move +
+         "\n for WELL:" + std::to_string(well) + ", UUT:" + std::to_string(uut);
+}
+
+// A tray move in and out of a well: only 1 is the second; 0.01 s before each line.
+Transcript in_and_out(int well) {
+  Transcript t{"InOut_well_" + std::to_string(well + 1),
+               [well] { return fixtureIn(well), fixtureOut(well), 0; },
+               0,
+               {},
+               Lines{}};
+  for (const char* move : {"in", "out"}) {
+    for (int uut = 1; uut <= 4; ++uut) {
+      t.wire.push_back({uut, std::string("vel_pne_") + move + "\n", 0.01});
+      t.log->push_back(sent("Successfully sent", move, well + 1, uut));
     }
-    log.clear();
   }
-
-  // A port with the given dial-in link, numbered so that libudev lists them in order.
-  void add_port(const std::string& link) {
-    const std::string tty = "ttyACM" + std::to_string(10 + portCount++);
-    boards.add({0, "/dev/" + tty, link,
-                std::string(sim::kPciRoot) + "/usb1/1-9/1-9:1." + std::to_string(portCount) +
-                    "/tty/" + tty});
-  }
-
-  sim::Testbed bed;
-  sim::Boards boards{bed};
-  LogCapture log;
-  int portCount = 0;
-};
-
-TEST_F(BoardLink, BindsPortsBySiteNumberAfterFirstUnderscore) {
-  for (const char* link :
-       {"/dev/tty.usbmodemVEL_03_A1", "/dev/tty.usbmodemNOUNDERSCORE1", "/dev/tty.usbmodemX_09_1",
-        "/dev/tty.usbmodemX_00_1", "/dev/tty.usbmodemX_ab_1", "/dev/tty.usbmodemVEL_05_A1",
-        "/dev/tty.usbmodemOTHER_05_B1", "/dev/tty.usbmodemX_7", "/dev/tty.usbmodemX_1_2_3",
-        "/dev/tty.serialonly_02"}) {
-    add_port(link);
-  }
-  EXPECT_EQ(listSerialPorts(), 1);
-  matchDIO_UART();
-  // Eight candidates fill the table; the ninth usbmodem port has no slot.
-  EXPECT_STREQ(DIO_SerialDevice[7], "/dev/tty.usbmodemX_7");
-  EXPECT_STREQ(DIO_UUTSerialDevice[2], "/dev/tty.usbmodemVEL_03_A1");
-  EXPECT_STREQ(DIO_UUTSerialDevice[4], "/dev/tty.usbmodemOTHER_05_B1");  // later one wins
-  for (int uut : {0, 1, 3, 5, 6, 7}) EXPECT_STREQ(DIO_UUTSerialDevice[uut], "") << uut;
-  EXPECT_NE(DIO_fileDescriptor[2], -1);
-  EXPECT_NE(DIO_fileDescriptor[4], -1);
-  EXPECT_TRUE(log.has("DIO_SerialDevice[0]:/dev/tty.usbmodemVEL_03_A1"));
-  EXPECT_TRUE(log.has("device [ttyACM10]  dialin [/dev/tty.usbmodemVEL_03_A1]\n"));
-  EXPECT_TRUE(log.has("Warning, UUT1, cannot open DIO serial port device "));
-  EXPECT_TRUE(log.has("Warning, UUT8, cannot open DIO serial port device "));
-  EXPECT_FALSE(
-      log.has("Warning, UUT3, cannot open DIO serial port device "
-              "/dev/tty.usbmodemVEL_03_A1"));
-  for (int i = 0; i < 8; ++i) EXPECT_EQ(portConnected[i], 1);  // empty fragments match all
+  return t;
 }
 
-TEST_F(BoardLink, DialInPathOf41CharactersEndsTheScan) {
-  const std::string forty = "/dev/tty.usbmodemVEL_01_A" + std::string(40 - 25, 'x');
-  const std::string fortyOne = "/dev/tty.usbmodemVEL_02_A" + std::string(41 - 25, 'y');
-  add_port(forty);
-  add_port(fortyOne);
-  add_port("/dev/tty.usbmodemVEL_03_A1");
-  EXPECT_EQ(listSerialPorts(), -1);
-  EXPECT_STREQ(DIO_SerialDevice[0], forty.c_str());
-  EXPECT_STREQ(DIO_SerialDevice[1], "");
-  EXPECT_EQ(log.stdout_lines(),
-            std::vector<std::string>{"dialInDevice [" + fortyOne + "] too long\n"});
-}
+struct LinkRows : Link, ::testing::WithParamInterface<Transcript> {};
+TEST_P(LinkRows, Transcript) { run(GetParam()); }
 
-TEST_F(BoardLink, NoPortsAtAll) {
-  EXPECT_EQ(listSerialPorts(), 1);
-  for (int i = 0; i < 8; ++i) EXPECT_EQ(portConnected[i], 0);
-  matchDIO_UART();
-  for (int uut = 1; uut <= 8; ++uut) {
-    EXPECT_TRUE(
-        log.has("Warning, UUT" + std::to_string(uut) + ", cannot open DIO serial port device "));
-  }
-}
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Rows, LinkRows, ::testing::Values(
+  // The run LED goes to the first site of the well that takes it; an unbound site ends the search.
+  Transcript{"RunLedOn_past_a_closed_port", [] { return closed({0}, [] { return int(turnOnRunLed(0)); }); },
+    1, {{2, "vel_run_led_on\n", 0.02}},
+    Lines{"VELMORA: Failed to turn ON Run Led for UUT:1", "VELMORA: Successfully turned ON Run Led for UUT:2"}},
+  Transcript{"RunLedOff_well_3", [] { return int(turnOffRunLed(2)); }, 1,
+    {{1, "vel_run_led_off\n", 0.01}}, Lines{"VELMORA: Successfully turned OFF Run Led for UUT:1"}},
+  Transcript{"RunLedOn_unbound", [] { return unbound({4}, [] { return int(turnOnRunLed(1)); }); }, 0, {}, Lines{}},
+  // A press move goes to every bound site of the well.
+  Transcript{"Down_bound_only", [] { return unbound({4, 6}, [] { return fixtureDown(1), 0; }); }, 0,
+    {{6, "vel_pne_down\n", 0.01}, {8, "vel_pne_down\n", 0.01}},
+    Lines{sent("fixtureDown, Successfully sent", "down", 2, 6), sent("fixtureDown, Successfully sent", "down", 2, 8)}},
+  Transcript{"Up_past_a_closed_port", [] { return closed({5}, [] { return fixtureUp(1), 0; }); }, 0,
+    {{5, "vel_pne_up\n", 0.01}, {7, "vel_pne_up\n", 0.02}, {8, "vel_pne_up\n", 0.01}},
+    Lines{sent("Successfully sent", "up", 2, 5), sent("Failed to send", "up", 2, 6),
+          sent("Successfully sent", "up", 2, 7), sent("Successfully sent", "up", 2, 8)}},
+  in_and_out(0), in_and_out(2), in_and_out(-1),
+  // The status query reads the reply during its 0.3 s wait.
+  Transcript{"Query_well_1", [] {
+      Link::board(1).script_status({"vel_fixture_status=101011 l_sw\n"});
+      return queryFixtureStatusForWell1(0); }, 43, {{1, kQuery, 0.3}},
+    Lines{"VELMORA: queryFixtureStatusForWell1, query fixture 1 with vel_fixture_status\n",
+          "VELMORA: queryFixtureStatusForWell1 UUT:1, result:43"}, -1, 0.45},
+  Transcript{"Query_split_reply", [] {
+      answer_later(0, "vel_fixture_status=10", "0100 l_sw\n");
+      return queryFixtureStatusForWell2(4); }, 36, {{5, kQuery, 0.3}},
+    Lines{"VELMORA: queryFixtureStatusForWell2 UUT:5, result:36"}},
+  // A reply after the wait is not taken for the next query's answer either.
+  Transcript{"Query_late_reply", [] {
+      answer_later(0.4, "vel_fixture_status=000000 l_sw\n", "");
+      const int late = queryFixtureStatusForWell2(4);
+      sleep_seconds(0.2);
+      Link::board(5).set_responder(nullptr);
+      return late + queryFixtureStatusForWell2(4); }, -2, {{5, kQuery, 0.3}, {5, kQuery, 0.5}}},
+  Transcript{"Query_closed_port_at_once", [] {
+      return closed({3}, [] { return queryFixtureStatusForWell1(3); }) + queryFixtureStatusForWell2(-1); },
+    -2, {}, std::nullopt, 0, 0.05},
+  // The board stays gone: this row runs last. A query to it fails at its write, at once.
+  Transcript{"Unplugged_board", [] {
+      Link::board(2).unplug();
+      return DIORS232Write(1, "vel_vusb_on\n", 12) ? 0 : queryFixtureStatusForWell2(1); },
+    -1, {}, Lines{"k != nlen", "k != nlen"}, 0, 0.05}),
+  testing_support::row_name);
+// clang-format on
 
-TEST_F(BoardLink, OpensRaw115200NonBlockingAndReopenClearsArea) {
-  boards.add_site(1);
-  std::strcpy(DIO_UUTSerialDevice[0], sim::board_link(1).c_str());
+TEST_F(Link, OpensRaw115200NonBlockingAndReopenClearsArea) {
+  CloseDIOSerialPort(0);
   ASSERT_TRUE(openDIO_UARTForWell1(0));
   const int fd = DIO_fileDescriptor[0];
   EXPECT_EQ(log.syslog(),
-            std::vector<std::string>{"VELMORA: openDIO_UARTForWell1, DIO_fileDescriptor[1] = " +
-                                     std::to_string(fd)});
+            Lines{"VELMORA: openDIO_UARTForWell1, DIO_fileDescriptor[1] = " + std::to_string(fd)});
   EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
   termios t{};
   ASSERT_EQ(tcgetattr(fd, &t), 0);
@@ -122,35 +130,31 @@ TEST_F(BoardLink, OpensRaw115200NonBlockingAndReopenClearsArea) {
   EXPECT_EQ(t.c_oflag & OPOST, 0u);
 
   std::strcpy(DIORS232Buff[0], "left over");
-  const double start = monotonic_seconds();
-  EXPECT_TRUE(openDIO_UARTForWell2(0));
-  EXPECT_GE(monotonic_seconds() - start, 0.1);
+  EXPECT_TRUE(testing_support::takes(0.1, 1, [] { return openDIO_UARTForWell2(0); }));
   EXPECT_STREQ(DIORS232Buff[0], "");
-  EXPECT_TRUE(DIORS232Write(0, "vel_ntc_on\n", 11));
-  ASSERT_TRUE(boards.site(1).wait_lines(1, 2));
-
   // Closing a closed port does nothing, not even clearing its area.
   CloseDIOSerialPort(0);
   std::strcpy(DIORS232Buff[0], "kept");
   CloseDIOSerialPort(0);
   EXPECT_STREQ(DIORS232Buff[0], "kept");
+  ASSERT_TRUE(openDIO_UARTForWell1(0));
+  expect_working({1});
 }
 
-TEST_F(BoardLink, WriteSendsExactBytesAndClearsTheArea) {
-  open_sites({3});
-  std::strcpy(DIORS232Buff[2], "stale reply");
-  EXPECT_TRUE(DIORS232Write(2, "vel_vusb_on\n", 12));
-  EXPECT_STREQ(DIORS232Buff[2], "");
-  std::strcpy(DIORS232Buff[2], "stale");
-  EXPECT_TRUE(DIORS232Write(2, "", 0));  // nothing to send is success, area still cleared
-  EXPECT_STREQ(DIORS232Buff[2], "");
-  EXPECT_TRUE(DIORS232Write(2, "vel_vusb_off\n", 13));
-  ASSERT_TRUE(boards.site(3).wait_lines(2, 2));
-  EXPECT_EQ(boards.site(3).received(), "vel_vusb_on\nvel_vusb_off\n");
-
-  std::strcpy(DIORS232Buff[0], "closed port");
-  EXPECT_FALSE(DIORS232Write(0, "vel_vusb_on\n", 12));
-  EXPECT_STREQ(DIORS232Buff[0], "");  // cleared even though nothing was sent
+TEST_F(Link, WriteSendsExactBytesAndClearsTheArea) {
+  // Every write clears the area first: one with nothing to send succeeds, one to a closed port
+  // fails.
+  for (auto [uut, text, sent] : {std::tuple{2, "vel_vusb_on\n", true},
+                                 {2, "", true},
+                                 {2, "vel_vusb_off\n", true},
+                                 {0, "vel_vusb_on\n", false}}) {
+    std::strcpy(DIORS232Buff[uut], "stale reply");
+    EXPECT_EQ(closed({uut == 0 ? 0 : 7},
+                     [&] { return DIORS232Write(uut, text, int(std::strlen(text))); }),
+              sent)
+        << text;
+    EXPECT_STREQ(DIORS232Buff[uut], "");
+  }
   std::strcpy(DIORS232Buff[7], "untouched");
   for (int bad : {-1, 8, 100, INT_MIN, INT_MAX}) {
     EXPECT_FALSE(DIORS232Write(bad, "vel_vusb_on\n", 12)) << bad;
@@ -159,40 +163,34 @@ TEST_F(BoardLink, WriteSendsExactBytesAndClearsTheArea) {
     CloseDIOSerialPort(bad);
     EXPECT_FALSE(openDIO_UARTForWell1(bad));
   }
+  expect_wire({{3, "vel_vusb_on\nvel_vusb_off\n"}});
   EXPECT_STREQ(DIORS232Buff[7], "untouched");
   EXPECT_EQ(getDIORdBuff(3), &DIORS232Buff[0][0] + 3 * 25000);
-  EXPECT_FALSE(log.has("k != nlen"));
+  EXPECT_TRUE(log.syslog().empty());
+  expect_working();
 }
 
-TEST_F(BoardLink, ShortWriteAndUnpluggedBoardFail) {
-  open_sites({1, 2});
-  boards.site(1).stop_reading();
+TEST_F(Link, ShortWriteFailsAndThePortStaysOpen) {
+  board(1).stop_reading();
   const std::string big(1024, 'x');
   bool failed = false;
   for (int i = 0; i < 4096 && !failed; ++i) failed = !DIORS232Write(0, big.c_str(), 1024);
   EXPECT_TRUE(failed);
   EXPECT_TRUE(log.has("k != nlen"));
-  // The port stays open; once the board drains it, commands go through again.
+  // Once the board drains it, commands go through again.
   const int fd = DIO_fileDescriptor[0];
-  boards.site(1).resume_reading();
+  board(1).resume_reading();
   for (int i = 0; i < 200 && failed; ++i) {
-    brakwell::platform::sleep_seconds(0.01);
+    sleep_seconds(0.01);
     failed = !DIORS232Write(0, "vel_ntc_on\n", 11);
   }
   EXPECT_FALSE(failed);
   EXPECT_EQ(DIO_fileDescriptor[0], fd);
-
-  boards.site(2).unplug();
-  log.clear();
-  EXPECT_FALSE(DIORS232Write(1, "vel_vusb_on\n", 12));
-  EXPECT_EQ(log.syslog(), std::vector<std::string>{"k != nlen"});
+  EXPECT_TRUE(board(1).wait_lines(1, 10));  // drained up to that line, for the next test
 }
 
 TEST(StatusReply, Parse) {
-  const struct {
-    const char* text;
-    int status;
-  } cases[] = {
+  const std::pair<const char*, int> cases[] = {
       {"vel_fixture_status=101011 l_sw\n", 43},
       {"noise=101011 l_sw", 43},
       {"=111111111 l_sw", 63},  // nine digits: low six bits
@@ -207,130 +205,25 @@ TEST(StatusReply, Parse) {
       {"=1l_sw", -1},         // one character between: no digits left
       {"", -1},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(brakwell::link::parse_status_reply(c.text), c.status) << c.text;
+  for (auto [text, status] : cases)
+    EXPECT_EQ(brakwell::link::parse_status_reply(text), status) << text;
 }
 
-TEST_F(BoardLink, StatusQueryReadsTheReplyDuringItsWait) {
-  open_sites({1, 5});
-  boards.site(1).script_status({"vel_fixture_status=101011 l_sw\n"});
-  double start = monotonic_seconds();
-  EXPECT_EQ(queryFixtureStatusForWell1(0), 43);
-  EXPECT_GE(monotonic_seconds() - start, 0.3);
-  EXPECT_LT(monotonic_seconds() - start, 0.45);
-  EXPECT_EQ(log.syslog(),
-            (std::vector<std::string>{"VELMORA: queryFixtureStatusForWell1, query fixture 1 with "
-                                      "vel_fixture_status\n",
-                                      "VELMORA: queryFixtureStatusForWell1 UUT:1, result:43"}));
-  EXPECT_EQ(boards.site(1).received(), "vel_fixture_status\n");
-
-  // A reply split across reads, and one that arrives only after the wait.
-  auto& board5 = boards.site(5);
-  board5.set_responder([&](const sim::ReceivedLine&) {
-    std::thread([&board5] {
-      board5.reply("vel_fixture_status=10");
-      brakwell::platform::sleep_seconds(0.05);
-      board5.reply("0100 l_sw\n");
-    }).detach();
-    return std::nullopt;
-  });
-  log.clear();
-  EXPECT_EQ(queryFixtureStatusForWell2(4), 36);
-  EXPECT_EQ(log.syslog(),
-            std::vector<std::string>{"VELMORA: queryFixtureStatusForWell2 UUT:5, result:36"});
-  board5.set_responder([&](const sim::ReceivedLine&) {
-    std::thread([&board5] {
-      brakwell::platform::sleep_seconds(0.4);
-      board5.reply("vel_fixture_status=000000 l_sw\n");
-    }).detach();
-    return std::nullopt;
-  });
-  EXPECT_EQ(queryFixtureStatusForWell2(4), -1);
-  brakwell::platform::sleep_seconds(0.2);  // the late reply is in the queue now
-  board5.set_responder(nullptr);
-  EXPECT_EQ(queryFixtureStatusForWell2(4), -1);  // and is not taken for the next answer
-}
-
-TEST_F(BoardLink, StatusQueryWithoutAnswer) {
-  open_sites({1});
-  boards.site(1).script_status({std::string(30000, '1')});  // oversized, never terminated
+TEST_F(Link, StatusQueryWithoutAnswer) {
+  board(1).script_status({std::string(30000, '1')});  // oversized, never terminated
   EXPECT_EQ(queryFixtureStatusForWell1(0), -1);
   EXPECT_EQ(strnlen(DIORS232Buff[0], 25000), 24999u);
   // A status among the first 24,999 bytes counts, one past them does not, and nothing spills
   // into the next UUT's area.
   std::strcpy(DIORS232Buff[1], "neighbour");
-  boards.site(1).script_status({brakwell::station::status_reply(40) + std::string(30000, 'x')});
+  const std::string reply = brakwell::station::status_reply(40), filler(30000, 'x');
+  board(1).script_status({reply + filler});
   EXPECT_EQ(queryFixtureStatusForWell1(0), 40);
-  boards.site(1).script_status({std::string(30000, 'x') + brakwell::station::status_reply(40)});
+  board(1).script_status({filler + reply});
   EXPECT_EQ(queryFixtureStatusForWell1(0), -1);
   EXPECT_STREQ(DIORS232Buff[1], "neighbour");
-  boards.site(1).set_responder(nullptr);
+  board(1).set_responder(nullptr);
   EXPECT_EQ(queryFixtureStatusForWell1(0), -1);  // silence
-  const double start = monotonic_seconds();
-  EXPECT_EQ(queryFixtureStatusForWell1(3), -1);  // closed port: at once
-  EXPECT_EQ(queryFixtureStatusForWell2(-1), -1);
-  EXPECT_LT(monotonic_seconds() - start, 0.05);
-  boards.site(1).unplug();
-  EXPECT_EQ(queryFixtureStatusForWell1(0), -1);
-}
-
-TEST_F(BoardLink, RunLedGoesToTheFirstSiteThatTakesIt) {
-  open_sites({1, 2, 3, 4, 6, 7, 8});
-  boards.site(1).unplug();
-  const double start = monotonic_seconds();
-  EXPECT_TRUE(turnOnRunLed(0));
-  EXPECT_GE(monotonic_seconds() - start, 0.02);  // 0.01 s before each of the two tries
-  EXPECT_EQ(log.syslog(),
-            (std::vector<std::string>{"k != nlen", "VELMORA: Failed to turn ON Run Led for UUT:1",
-                                      "VELMORA: Successfully turned ON Run Led for UUT:2"}));
-  ASSERT_TRUE(boards.site(2).wait_lines(1, 2));
-  EXPECT_EQ(boards.site(2).received(), "vel_run_led_on\n");
-  EXPECT_EQ(boards.site(3).received(), "");
-
-  log.clear();
-  EXPECT_TRUE(turnOffRunLed(2));  // any well but 1 is the first
-  EXPECT_TRUE(log.has("VELMORA: Successfully turned OFF Run Led for UUT:2"));
-
-  // Site 5 is not bound: the second well's search ends there with nothing sent.
-  log.clear();
-  EXPECT_FALSE(turnOnRunLed(1));
-  EXPECT_TRUE(log.syslog().empty());
-  brakwell::platform::sleep_seconds(0.05);
-  EXPECT_EQ(boards.site(6).received(), "");
-}
-
-TEST_F(BoardLink, PressMovesGoToEveryBoundSiteOfTheWell) {
-  open_sites({6, 8, 1});
-  const double start = monotonic_seconds();
-  fixtureDown(1);
-  EXPECT_GE(monotonic_seconds() - start, 0.02);
-  EXPECT_EQ(log.syslog(),
-            (std::vector<std::string>{
-                "VELMORA: fixtureDown, Successfully sent vel_pne_down\n for WELL:2, UUT:6",
-                "VELMORA: fixtureDown, Successfully sent vel_pne_down\n for WELL:2, UUT:8"}));
-  ASSERT_TRUE(boards.site(8).wait_lines(1, 2));
-  EXPECT_EQ(boards.site(6).received(), "vel_pne_down\n");
-
-  boards.site(6).unplug();
-  log.clear();
-  fixtureUp(1);
-  EXPECT_TRUE(log.has("VELMORA: Failed to send vel_pne_up\n for WELL:2, UUT:6"));
-  EXPECT_TRUE(log.has("VELMORA: Successfully sent vel_pne_up\n for WELL:2, UUT:8"));
-
-  for (int well : {0, 2, -1}) {
-    log.clear();
-    fixtureIn(well);
-    fixtureOut(well);
-    EXPECT_EQ(log.syslog(),
-              (std::vector<std::string>{"VELMORA: Successfully sent vel_pne_in\n for WELL:" +
-                                            std::to_string(well + 1) + ", UUT:1",
-                                        "VELMORA: Successfully sent vel_pne_out\n for WELL:" +
-                                            std::to_string(well + 1) + ", UUT:1"}));
-  }
-  ASSERT_TRUE(boards.site(1).wait_lines(6, 2));
-  std::string thrice;
-  for (int i = 0; i < 3; ++i) thrice += "vel_pne_in\nvel_pne_out\n";
-  EXPECT_EQ(boards.site(1).received(), thrice);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 // commands and asking its well's sensors; and both wells posting their key chords at once.
 #include <linux/input.h>
 
-#include <map>
 #include <thread>
 
 #include "keyboard.h"
@@ -14,7 +13,7 @@ namespace {
 using brakwell::platform::monotonic_seconds;
 using testing_support::status_reply;
 
-constexpr char kQuery[] = "vel_fixture_status\n";
+constexpr const char* kQuery = brakwell::station::kStatusQuery;
 constexpr int kRounds = 2;
 
 class Parallel : public testing_support::StationFixture {

@@ -1,25 +1,17 @@
 // Station start and stop against the virtual fixture's USB bus and boards: the well count from
 // the board names, the enumeration order, a second start, the stop sequence and its timing, and
 // the version text.
-#include <Brakwell.h>
-#include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
-#include <memory>
 #include <set>
 
-#include "boards.h"
-#include "platform/platform.h"
 #include "support/station_fixture.h"
 #include "topology.h"
-#include "usb.h"
 
 namespace {
 
-using brakwell::platform::monotonic_seconds;
-constexpr double kReaderJitter = 0.05;  // board arrival times include the reader's wake-up
-using Lines = std::vector<std::string>;
+using testing_support::kReaderJitter;
+using testing_support::Lines;
 
 // A fixture with the fixture boards of the given sites (USB device and serial port each).
 struct Bench {
@@ -36,9 +28,7 @@ struct Bench {
 };
 
 class Station : public ::testing::Test {
- protected:
-  // A libusb context hears only the testbed that was current when it was made.
-  Station() { brakwell::platform::usb::shutdown(); }
+ public:
   ~Station() override {
     for (int uut = 0; uut < 8; ++uut) CloseDIOSerialPort(uut);
     std::memset(DIO_SerialDevice, 0, sizeof DIO_SerialDevice);
@@ -46,6 +36,7 @@ class Station : public ::testing::Test {
     bench.reset();
     brakwell::platform::usb::shutdown();
   }
+  // A libusb context hears only the testbed that was current when it was made.
   void build(const std::set<int>& sites) {
     bench.reset();
     brakwell::platform::usb::shutdown();
@@ -68,11 +59,9 @@ class Station : public ::testing::Test {
 };
 
 TEST_F(Station, VersionTextNeedsTwentyFiveBytes) {
-  char buffer[32];
-  std::memset(buffer, 'x', sizeof buffer);
-  EXPECT_FALSE(SOC_LibVersion(buffer, 24));
-  EXPECT_EQ(buffer[0], 'x');
-  EXPECT_FALSE(SOC_LibVersion(nullptr, 25));
+  char buffer[32] = "x";
+  EXPECT_FALSE(SOC_LibVersion(buffer, 24) || SOC_LibVersion(nullptr, 25));
+  EXPECT_STREQ(buffer, "x");
   EXPECT_TRUE(log.syslog().empty());
   EXPECT_TRUE(SOC_LibVersion(buffer, 25));
   EXPECT_STREQ(buffer, "Velmora Lumbrix 4.01");
@@ -151,12 +140,10 @@ TEST_F(Station, SecondStartRecountsAndDoneStopsEveryPort) {
   }
   EXPECT_EQ(g_WellNumber, 1u);  // the counts outlive the stop
   EXPECT_EQ(g_SlotNumber, 4u);
-}
 
-TEST_F(Station, DoneWithNoPortOpen) {
-  const double start = monotonic_seconds();
-  SOC_Done();
-  EXPECT_GE(monotonic_seconds() - start, 1.6);
+  // With no port open, every disable fails and the pauses stay.
+  log.clear();
+  testing_support::takes(1.6, 30, [] { return SOC_Done(), 0; });
   Lines want{"VELMORA: ***************SOC_Done***************"};
   for (int uut = 1; uut <= 8; ++uut) {
     want.push_back("VELMORA: Failed to send vel_hi5_disable\n for UUT" + std::to_string(uut));
@@ -164,6 +151,56 @@ TEST_F(Station, DoneWithNoPortOpen) {
   Lines got = log.syslog();
   got.resize(std::min(got.size(), want.size()));
   EXPECT_EQ(got, want);
+}
+
+// A fresh bench with serial ports of these dial-in links, listed by libudev in this order.
+int scan(Station& s, std::initializer_list<std::string> links) {
+  s.build({});
+  std::memset(DIO_SerialDevice, 0, sizeof DIO_SerialDevice);
+  int n = 0;
+  for (const auto& link : links) {
+    const std::string tty = "ttyACM" + std::to_string(10 + n++);
+    s.bench->boards.add(
+        {0, "/dev/" + tty, link,
+         std::string(sim::kPciRoot) + "/usb1/1-9/1-9:1." + std::to_string(n) + "/tty/" + tty});
+  }
+  s.log.clear();
+  return listSerialPorts();
+}
+
+TEST_F(Station, SerialScanBindsBySiteNumberAfterTheFirstUnderscore) {
+  // A dial-in path of 41 characters ends the scan.
+  const std::string forty = "/dev/tty.usbmodemVEL_01_A" + std::string(15, 'x');
+  const std::string fortyOne = "/dev/tty.usbmodemVEL_02_A" + std::string(16, 'y');
+  EXPECT_EQ(scan(*this, {forty, fortyOne, "/dev/tty.usbmodemVEL_03_A1"}), -1);
+  EXPECT_STREQ(DIO_SerialDevice[0], forty.c_str());
+  EXPECT_STREQ(DIO_SerialDevice[1], "");
+  EXPECT_EQ(log.stdout_lines(), Lines{"dialInDevice [" + fortyOne + "] too long\n"});
+
+  EXPECT_EQ(scan(*this, {}), 1);
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(portConnected[i], 0);
+  EXPECT_EQ(
+      scan(*this, {"/dev/tty.usbmodemVEL_03_A1", "/dev/tty.usbmodemNOUNDERSCORE1",
+                   "/dev/tty.usbmodemX_09_1", "/dev/tty.usbmodemX_00_1", "/dev/tty.usbmodemX_ab_1",
+                   "/dev/tty.usbmodemVEL_05_A1", "/dev/tty.usbmodemOTHER_05_B1",
+                   "/dev/tty.usbmodemX_7", "/dev/tty.usbmodemX_1_2_3", "/dev/tty.serialonly_02"}),
+      1);
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(portConnected[i], 1);  // empty fragments match all
+  matchDIO_UART();
+  // Eight candidates fill the table; the ninth usbmodem port has no slot; a later one wins.
+  EXPECT_STREQ(DIO_SerialDevice[7], "/dev/tty.usbmodemX_7");
+  EXPECT_STREQ(DIO_UUTSerialDevice[2], "/dev/tty.usbmodemVEL_03_A1");
+  EXPECT_STREQ(DIO_UUTSerialDevice[4], "/dev/tty.usbmodemOTHER_05_B1");
+  for (int uut : {0, 1, 3, 5, 6, 7}) EXPECT_STREQ(DIO_UUTSerialDevice[uut], "") << uut;
+  EXPECT_TRUE(log.has("DIO_SerialDevice[0]:/dev/tty.usbmodemVEL_03_A1"));
+  EXPECT_TRUE(log.has("device [ttyACM10]  dialin [/dev/tty.usbmodemVEL_03_A1]\n"));
+  EXPECT_EQ(log.timed("Warning").size(), 6u);  // and none for the two bound ports
+  for (int uut = 1; uut <= 8; ++uut) {
+    const bool bound = uut == 3 || uut == 5;
+    const std::string warning = "Warning, UUT" + std::to_string(uut) + ", cannot open DIO";
+    EXPECT_EQ(log.has(warning + " serial port device "), !bound) << uut;
+    EXPECT_EQ(DIO_fileDescriptor[uut - 1] != -1, bound) << uut;
+  }
 }
 
 }  // namespace

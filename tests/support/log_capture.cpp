@@ -39,8 +39,6 @@ std::vector<std::string> LogCapture::stdout_lines() const {
   return stdout_;
 }
 
-bool LogCapture::has(const std::string& line) const { return count(line) > 0; }
-
 size_t LogCapture::count(const std::string& line) const {
   const auto lines = syslog();
   return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));

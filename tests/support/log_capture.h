@@ -17,8 +17,8 @@ class LogCapture {
 
   std::vector<std::string> syslog() const;  // system-log lines, in order
   std::vector<std::string> stdout_lines() const;
-  bool has(const std::string& line) const;  // an exact system-log line
-  size_t count(const std::string& line) const;
+  size_t count(const std::string& line) const;  // of an exact system-log line
+  bool has(const std::string& line) const { return count(line) > 0; }
   // System-log lines starting with `prefix`, each with the monotonic time it was written.
   std::vector<std::pair<double, std::string>> timed(const std::string& prefix = "") const;
   void clear();

@@ -30,6 +30,7 @@ namespace testing_support {
 
 using brakwell::station::status_reply;
 using Lines = std::vector<std::string>;
+constexpr double kReaderJitter = 0.05;  // board arrival times include the reader's wake-up
 
 // Runs `call` and checks it took between `least` and `most` seconds (late wake-ups are allowed
 // for in `most`, early ones never).

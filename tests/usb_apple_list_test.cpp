@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <set>
 #include <thread>
 
@@ -40,33 +41,22 @@ bool wait_until(Pred pred, double seconds = 10) {
 
 Ids listed() {
   Ids out;
-  for (auto* record : g_pListAppleDev) {
-    if (record) out.insert(record->locationID);
-  }
+  for (auto* record : g_pListAppleDev) out.insert(record ? record->locationID : 0);
+  out.erase(0);
+  return out;
+}
+Ids history() {
+  Ids out(std::begin(g_ListUutLocationID), std::end(g_ListUutLocationID));
+  out.erase(0);
   return out;
 }
 bool wait_listed(size_t n) {
   return wait_until([n] { return listed().size() == n; });
 }
 
-Ids history() {
-  Ids out;
-  for (uint32_t id : g_ListUutLocationID) {
-    if (id) out.insert(id);
-  }
-  return out;
-}
-
 size_t count_prefix(const Lines& lines, const std::string& prefix) {
   return static_cast<size_t>(std::count_if(
       lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(prefix, 0) == 0; }));
-}
-
-double cpu_seconds() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
 }
 
 struct AppleList : ::testing::Test {
@@ -152,9 +142,9 @@ TEST_F(AppleList, AttachedAtOnceThenArrivalsRemovalsAndReturnFromTheEventThread)
   EXPECT_EQ(history(), (Ids{0x1113000, 0x1223000, 0x1133000}));
 
   // Nothing happening, the event thread sleeps.
-  const double before = cpu_seconds();
+  const std::clock_t before = std::clock();
   sleep_seconds(1.0);
-  EXPECT_LT(cpu_seconds() - before, 0.2);
+  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 5);
 }
 
 TEST_F(AppleList, ThirteenArrivals) {
@@ -341,21 +331,10 @@ TEST_F(AppleList, ArmedAgainAndAgainByTheHostAndAcrossAFork) {
   EXPECT_EQ(listed(), Ids{0x1320000});
 }
 
-// The thread ends at process exit; under an address-space limit it cannot start, and then the
-// call answers 0 and logs one line, and the host goes on.
-TEST(AppleThread, EndsAtExitAndFailsOnlyTheCallWhenItCannotStart) {
+// Under an address-space limit the event thread cannot start: the call answers 0 and logs one
+// line, and the host goes on.
+TEST(AppleThread, FailsOnlyTheCallWhenItCannotStart) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        sim::Testbed child;
-        sim::UsbBus childBus(child);
-        platform_usb::shutdown();
-        childBus.add_unit(1, "iPhone");
-        usbDeviceConnStatus(kApple, kUnit);
-        childBus.add_unit(2, "iPhone");
-        std::exit(wait_listed(2) ? 0 : 3);
-      },
-      ::testing::ExitedWithCode(0), "");
 #if !defined(__SANITIZE_ADDRESS__)  // ASan reserves the address space that the limit would cap
   EXPECT_EXIT(
       {

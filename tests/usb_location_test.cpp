@@ -20,6 +20,7 @@
 #include "support/station_fixture.h"
 #include "topology.h"
 #include "usb.h"
+#include "usb/AppleDevices.h"
 
 namespace {
 
@@ -36,20 +37,14 @@ std::string report_path(std::time_t t) {
   return stamp;
 }
 
-// Product names of one vendor's devices in the order libusb lists them, with their locations.
-std::vector<std::pair<std::string, uint32_t>> listed_names(uint16_t vendor) {
+// Product names and locations of the devices with these ids, in the order libusb lists them.
+std::vector<std::pair<std::string, uint32_t>> listed_names(long vendor, long product) {
   std::vector<std::pair<std::string, uint32_t>> names;
-  libusb_device** list = nullptr;
-  const ssize_t n = libusb_get_device_list(platform_usb::context(), &list);
-  for (ssize_t i = 0; i < n; ++i) {
-    libusb_device_descriptor d{};
-    libusb_get_device_descriptor(list[i], &d);
-    if (d.idVendor == vendor) {
-      names.emplace_back(platform_usb::product_string(list[i]),
-                         platform_usb::location_id(list[i]).value_or(0));
-    }
+  auto devices = brakwell::usb::matching_devices(vendor, product);
+  for (auto* d : *devices) {
+    names.emplace_back(platform_usb::product_string(d), platform_usb::location_id(d).value_or(0));
   }
-  libusb_free_device_list(list, 1);
+  brakwell::usb::release_devices(*devices);
   return names;
 }
 
@@ -97,20 +92,19 @@ TEST_F(UsbBusTest, NameTextBeforeAnyEnumerationAndWhenNothingMatches) {
 
 TEST_F(UsbBusTest, CableKind) {
   // The UART texts are compared with case, the cable text is not.
-  const std::pair<const char*, int> rows[] = {{"USB UART1", 1},
-                                              {"USB-UART7", 1},
-                                              {"usb uart1", 0},
-                                              {"usb-uart1", 0},
-                                              {"usb <-> serial cable", 2},
-                                              {"USB <-> Serial Cable", 2},
-                                              {"FT232R", 0},
-                                              {"USB-UART USB <-> Serial Cable", 1},
-                                              {"USB <-> Serial Cable USB UART", 1}};
-  for (const auto& [name, kind] : rows) {
-    sim::UsbDevice& device = ftdi("1-3.1", name);
-    EXPECT_EQ(enumUsbForLocationID(0x0403, 0x6001), kind) << name;
-    EXPECT_STREQ(mutableUSBDeviceName, "") << name;
-    bus.remove(device);
+  const std::pair<int, std::vector<const char*>> kinds[] = {
+      {0, {"usb uart1", "usb-uart1", "FT232R"}},
+      {1,
+       {"USB UART1", "USB-UART7", "USB-UART USB <-> Serial Cable",
+        "USB <-> Serial Cable USB UART"}},
+      {2, {"usb <-> serial cable", "USB <-> Serial Cable"}}};
+  for (const auto& [kind, names] : kinds) {
+    for (const char* name : names) {
+      sim::UsbDevice& device = ftdi("1-3.1", name);
+      EXPECT_EQ(enumUsbForLocationID(0x0403, 0x6001), kind) << name;
+      EXPECT_STREQ(mutableUSBDeviceName, "") << name;
+      bus.remove(device);
+    }
   }
   EXPECT_TRUE(log.has("UART Device added: DeviceName=USB UART1 Serial Number=FT1"));
 
@@ -121,7 +115,7 @@ TEST_F(UsbBusTest, CableKind) {
         &ftdi("1-3.2", "Plain bridge"),
         &ftdi("1-3.3", uartFirst ? "USB <-> Serial Cable" : "USB UART")};
     std::string last;
-    for (const auto& [name, id] : listed_names(0x0403)) {
+    for (const auto& [name, id] : listed_names(0x0403, 0x6001)) {
       if (name != "Plain bridge") last = name;
     }
     EXPECT_EQ(enumUsbForLocationID(0x0403, 0x6001), last == "USB UART" ? 1 : 2);
@@ -141,7 +135,7 @@ TEST_F(UsbBusTest, BoardNamesAndTheSerialRequest) {
   bus.add({"1-3.2", 0x1fc9, 0xdf01, "Velmora_DFU_Boot", "X8", 0, {}});
   EXPECT_EQ(enumUsbForLocationID(0x1fc9, 0xdf01), 0);
   std::string expected;
-  for (const auto& [name, id] : listed_names(0x1fc9)) {
+  for (const auto& [name, id] : listed_names(0x1fc9, 0xdf01)) {
     if (!name.empty() && name != "Velmora_DFU_Boot") expected += name + ",";  // 2 is mute
   }
   EXPECT_EQ(expected.size(), std::string("Velmora_DFU_CDC1,").size() * 3 + 15);
@@ -163,13 +157,8 @@ TEST_F(UsbBusTest, BoardNamesAndTheSerialRequest) {
   for (int site = 5; site <= 8; ++site) bus.add_board(site);
   for (int i = 3; i < 23; ++i) {
     const std::string n = std::to_string(i);
-    bus.add({(i < 15 ? "1-3." : "1-4.") + std::to_string(i < 15 ? i + 1 : i - 14),
-             0x1fc9,
-             0xdf01,
-             "cdc " + n,
-             "S" + n,
-             0,
-             {}});
+    const std::string port = (i < 15 ? "1-3." : "1-4.") + std::to_string(i < 15 ? i + 1 : i - 14);
+    bus.add({port, 0x1fc9, 0xdf01, "cdc " + n, "S" + n, 0, {}});
   }
   EXPECT_EQ(testing_support::takes(0, 30, [] { return enumUsbForLocationID(0x1fc9, 0xdf01); }), 0);
   const std::string names = mutableUSBDeviceName;
@@ -177,25 +166,20 @@ TEST_F(UsbBusTest, BoardNamesAndTheSerialRequest) {
 }
 
 TEST(UsbLocationRule, TiersAndTrailingZeros) {
-  const struct {
-    uint8_t bus;
-    std::vector<uint8_t> ports;
-    std::optional<uint32_t> id;
-  } rows[] = {
-      {1, {2, 3}, 0x1230000},
-      {1, {2, 2, 3}, 0x1223000},
-      {1, {1, 4, 5, 2, 1, 1}, 0x1145211},
-      {3, {}, 0x3000000},
-      {0x14, {5, 2, 1, 1}, 0x14521100},
-      {1, {15, 15}, 0x1ff0000},
-      {1, {16}, std::nullopt},  // no single digit for it
-      {1, {2, 16, 3}, std::nullopt},
-      {1, {1, 1, 1, 1, 1, 1, 1}, std::nullopt},  // seven tiers do not fit
+  const std::pair<std::vector<uint8_t>, std::optional<uint32_t>> rows[] = {
+      // bus, then ports
+      {{1, 2, 3}, 0x1230000},
+      {{1, 2, 2, 3}, 0x1223000},
+      {{1, 1, 4, 5, 2, 1, 1}, 0x1145211},
+      {{3}, 0x3000000},
+      {{0x14, 5, 2, 1, 1}, 0x14521100},
+      {{1, 15, 15}, 0x1ff0000},
+      {{1, 16}, std::nullopt},  // no single digit for it
+      {{1, 2, 16, 3}, std::nullopt},
+      {{1, 1, 1, 1, 1, 1, 1, 1}, std::nullopt},  // seven tiers do not fit
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(
-        platform_usb::location_id(row.bus, row.ports.data(), static_cast<int>(row.ports.size())),
-        row.id);
+  for (const auto& [path, id] : rows) {
+    EXPECT_EQ(platform_usb::location_id(path[0], path.data() + 1, int(path.size()) - 1), id);
   }
   const std::pair<uint32_t, uint32_t> stripped[] = {
       {0, 0}, {0x140, 0x14}, {0x1A, 0x1A}, {0x100, 0x1}, {0x1223000, 0x1223}, {0x80000000, 0x8}};
@@ -277,7 +261,7 @@ TEST_F(UsbBusTest, DfuLookupLastOneWins) {
   bus.add_unit(7, "iPhone (DFU Mode)", 0x05ac, 0x1227);
   bus.add_unit(4, "iPhone (Recovery Mode)", 0x05ac, 0x1227);
   uint32_t last = 0;
-  for (const auto& [name, id] : listed_names(0x05ac)) {
+  for (const auto& [name, id] : listed_names(0x05ac, 0x1227)) {
     if (name.find("(") != std::string::npos && name.find("Recovery") == std::string::npos)
       last = id;
   }

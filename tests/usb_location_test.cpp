@@ -323,29 +323,10 @@ TEST(UsbLocationText, UartTable) {
   }
 }
 
-TEST_F(UsbBusTest, SiblingFoundUnknownAndOutOfRange) {
-  g_ListUartLocationID[0] = 0x14521100;
-  g_ListUutLocationID[0] = 0x1223000;  // other hub: its stripped text is shorter
-  g_ListUutLocationID[1] = 0x14521300;
-  g_ListUutLocationID[2] = 0x14521200;
-  EXPECT_EQ(usbUartSiblingLocationID(0), 0x14521300u);
-  EXPECT_EQ(usbUartSiblingLocationID(2), 0u);
-  EXPECT_EQ(usbUartSiblingLocationID(40), 0u);
-  EXPECT_EQ(usbUartSiblingLocationID(-1), 0u);
-  EXPECT_EQ(
-      log.syslog(),
-      (Lines{"Something wrong when looking for USB UART sibling. UART "
-             "location:0x14521100, Apple device location:0x1223000",
-             "Found sibling Apple Device (location:0x14521300) for UART (location:0x14521100)",
-             "No locationID for USB UART3. Please check for existence of USB UART3",
-             "No locationID for USB UART41. Please check for existence of USB UART41",
-             "No locationID for USB UART0. Please check for existence of USB UART0"}));
-  EXPECT_TRUE(reports().empty());
-}
-
 // No sibling: the operator's report, by lsusb from the system directories (never the PATH's),
 // private, never through a link nor over a file; a collision has a debug trace and no log line.
-TEST_F(UsbBusTest, NoSiblingWritesAPrivateReportButNeverThroughALink) {
+// A sibling found writes none.
+TEST_F(UsbBusTest, SiblingOrAPrivateReportButNeverThroughALink) {
   g_ListUartLocationID[0] = 0x14521100;
   g_ListUutLocationID[0] = 0x1223000;
   g_ListUutLocationID[3] = 0x1113000;
@@ -395,6 +376,22 @@ TEST_F(UsbBusTest, NoSiblingWritesAPrivateReportButNeverThroughALink) {
     std::ifstream in(file);
     EXPECT_NE(std::string(std::istreambuf_iterator<char>(in), {}), "impostor\n");
   }
+  // A sibling found (the other hub's location has a shorter text), UARTs unknown or out of range.
+  g_ListUutLocationID[1] = 0x14521300;
+  g_ListUutLocationID[2] = 0x14521200;
+  g_ListUutLocationID[3] = 0;
+  log.clear();
+  EXPECT_EQ(usbUartSiblingLocationID(0), 0x14521300u);
+  for (int uart : {2, 40, -1}) EXPECT_EQ(usbUartSiblingLocationID(uart), 0u);
+  EXPECT_EQ(
+      log.syslog(),
+      (Lines{"Something wrong when looking for USB UART sibling. UART "
+             "location:0x14521100, Apple device location:0x1223000",
+             "Found sibling Apple Device (location:0x14521300) for UART (location:0x14521100)",
+             "No locationID for USB UART3. Please check for existence of USB UART3",
+             "No locationID for USB UART41. Please check for existence of USB UART41",
+             "No locationID for USB UART0. Please check for existence of USB UART0"}));
+  EXPECT_EQ(reports().size(), files.size());
 }
 
 // The host's own USBLocation slots are left as it set them.

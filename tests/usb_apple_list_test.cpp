@@ -68,14 +68,17 @@ struct AppleList : ::testing::Test {
   }
   ~AppleList() override {
     // Devices leave while the event thread still hears them, so that every record is freed.
-    for (auto* device : bus.devices()) {
-      if (device->desc().vendor == kApple) bus.remove(*device);
-    }
+    remove_units();
     wait_until([] { return listed().empty(); }, 5);
     platform_usb::shutdown();
     usbDeviceRemoveAll();
   }
 
+  void remove_units() {
+    for (auto* device : bus.devices()) {
+      if (device->desc().vendor == kApple) bus.remove(*device);
+    }
+  }
   // Port 1-3.n (15 spare ports).
   sim::UsbDevice& add_unit(int n, const std::string& name = "iPhone") {
     return bus.add({"1-3." + std::to_string(n), kApple, kUnit, name, "", 0, {}});
@@ -229,9 +232,7 @@ TEST_F(AppleList, StormWhileTheStationStops) {
   std::thread thread([&] {
     storm(
         8, 0.002, [&] { return !stop; }, &seen);
-    for (auto* device : bus.devices()) {
-      if (device->desc().vendor == kApple) bus.remove(*device);
-    }
+    remove_units();
   });
   ASSERT_TRUE(wait_until([&] { return count_prefix(log.syslog(), "Apple Device added:") > 8; }));
   SOC_Done();

@@ -283,8 +283,9 @@ TEST_F(AppleList, UnitLeavingDuringTheFirstScanLeavesNoRecord) {
 
 // Each arm lists the attached unit again, as the first did. The host's calls record every
 // device they are given, whatever their context pointer, as often as they are made, and the
-// unit's removal takes every record. A forked child that exits runs the static destructors, as
-// after a failed exec: it neither hangs nor crashes, and a later arrival is listed once.
+// unit's removal takes every record. A child forked while the event thread holds the tracker's
+// lock exits through the static destructors, as after a failed exec: it neither waits for that
+// lock nor crashes, and later arrivals are listed once each.
 TEST_F(AppleList, ArmedAgainAndAgainByTheHostAndAcrossAFork) {
   add_unit(1, "");
   for (int round = 0; round < 13; ++round) {
@@ -306,8 +307,19 @@ TEST_F(AppleList, ArmedAgainAndAgainByTheHostAndAcrossAFork) {
   bus.remove(*bus.find("1-3.1"));
   EXPECT_TRUE(wait_until([] { return listed().empty(); }, 3));
 
-  const pid_t child = fork();
-  if (child == 0) std::exit(0);
+  // Forked on the event thread inside unit 2's arrival line, the tracker's lock held.
+  static std::atomic<pid_t> child{0};
+  brakwell::platform::set_line_sink(
+      [](bool, const char* text, void*) {
+        if (child != 0 || std::strncmp(text, "Apple Device added:", 19) != 0) return;
+        std::fflush(nullptr);
+        const pid_t pid = fork();
+        if (pid == 0) std::exit(0);
+        child = pid;
+      },
+      nullptr);
+  add_unit(2, "");
+  ASSERT_TRUE(wait_until([] { return child != 0; }, 3));
   int status = -1;
   for (int i = 0; i < 500 && waitpid(child, &status, WNOHANG) == 0; ++i) sleep_seconds(0.01);
   if (status == -1) {
@@ -315,10 +327,10 @@ TEST_F(AppleList, ArmedAgainAndAgainByTheHostAndAcrossAFork) {
     waitpid(child, &status, 0);
   }
   EXPECT_TRUE(WIFEXITED(status)) << "the child hung or crashed at exit";
-  add_unit(2, "");
-  ASSERT_TRUE(wait_until([] { return !listed().empty(); }, 3));
+  add_unit(3, "");
+  ASSERT_TRUE(wait_until([] { return listed().size() == 2; }, 3));
   sleep_seconds(0.2);
-  EXPECT_EQ(listed(), Ids{0x1320000});
+  EXPECT_EQ(listed(), (Ids{0x1320000, 0x1330000}));
 }
 
 // Under an address-space limit the event thread cannot start: the call answers 0 and logs one

@@ -56,35 +56,29 @@ Writes four(int first, const std::string& steps) {
   return w;
 }
 
-// Expected traffic, written out from the sequences as the boards must see them.
+// Expected traffic, written out from the sequences as the boards must see them: the power-off,
+// then the boot mode's steps for ON or OFF.
 const std::string kPowerOff = "vusb_off S, batt_supercap_disconn S, vbatt_off L";
-Writes force_dfu(int u, bool on) {
-  return seq(u,
-             kPowerOff +
-                 (on ? ", uart_on S, forcedfu_on S,"
-                       " hi5_enable S, hi5_enable S, hi5_enter_diag S, accid_on S, dfu_host_conn S,"
-                       " set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"
-                     : ", uart_off S, forcedfu_off S,"
-                       " hi5_disable S, hi5_enable S, hi5_enter_diag S, accid_off S,"
-                       " dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S, vusb_off S"));
-}
-Writes force_diags(int u, bool on) {
-  return seq(u, kPowerOff + (on ? ", uart_on S, forcedfu_off S,"
-                                  " hi5_enable 0, hi5_enable S, hi5_enter_diag S, accid_on S,"
-                                  " set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"
-                                : ", uart_off S, forcedfu_on S,"
-                                  " hi5_disable 0, hi5_enable S, hi5_enter_diag S, accid_off 2S,"
-                                  " vbatt_off S, batt_supercap_disconn S, vusb_off S"));
-}
-Writes force_iboot(int u, bool on) {
-  return seq(
-      u, kPowerOff + (on ? ", uart_on S, forcedfu_off S,"
-                           " hi5_enable S, hi5_enable 0, hi5_enter_recovery S, accid_on S,"
-                           " dfu_host_conn S, set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S,"
-                           " vusb_on 0"
-                         : ", uart_off S, forcedfu_on S,"
-                           " hi5_disable S, hi5_enable 0, hi5_enter_recovery S, accid_off S,"
-                           " dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S, vusb_off 0"));
+// clang-format off
+const std::map<std::string, std::string> kBootSteps = {
+    {"dfu ON", "uart_on S, forcedfu_on S, hi5_enable S, hi5_enable S, hi5_enter_diag S, accid_on S,"
+               " dfu_host_conn S, set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"},
+    {"dfu OFF", "uart_off S, forcedfu_off S, hi5_disable S, hi5_enable S, hi5_enter_diag S,"
+                " accid_off S, dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S, vusb_off S"},
+    {"diags ON", "uart_on S, forcedfu_off S, hi5_enable 0, hi5_enable S, hi5_enter_diag S,"
+                 " accid_on S, set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"},
+    {"diags OFF", "uart_off S, forcedfu_on S, hi5_disable 0, hi5_enable S, hi5_enter_diag S,"
+                  " accid_off 2S, vbatt_off S, batt_supercap_disconn S, vusb_off S"},
+    {"iboot ON", "uart_on S, forcedfu_off S, hi5_enable S, hi5_enable 0, hi5_enter_recovery S,"
+                 " accid_on S, dfu_host_conn S, set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S,"
+                 " vusb_on 0"},
+    {"iboot OFF", "uart_off S, forcedfu_on S, hi5_disable S, hi5_enable 0, hi5_enter_recovery S,"
+                  " accid_off S, dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S,"
+                  " vusb_off 0"},
+};
+// clang-format on
+Writes boot(const std::string& mode, int u, bool on) {
+  return seq(u, kPowerOff + ", " + kBootSteps.at(mode + (on ? " ON" : " OFF")));
 }
 const char kPowerOn[] =
     "hi5_enable 0, hi5_enable 0, hi5_enter_recovery S, accid_on S, set_vbatt_4100 S, vbatt_on";
@@ -181,17 +175,17 @@ const Writes kStatus = seq(5, "fixture_status 0");
 // clang-format off
 const Row kRows[] = {
     {"force_dfu_off", on(0, set_force_dfu, 1, 1), 0, 1.12, {"set_force_dfu OFF for UUT:1"},
-     force_dfu(1, false)},
+     boot("dfu", 1, false)},
     {"force_dfu_on", on(1, set_force_dfu, 0, 3), 0, 1.12, {"set_force_dfu ON for UUT:7"},
-     force_dfu(7, true)},
+     boot("dfu", 7, true)},
     {"force_diags_off", on(1, set_force_diags, 1, 1), 0, 1.10, {"set_force_diags OFF for UUT:5"},
-     force_diags(5, false)},
+     boot("diags", 5, false)},
     {"force_diags_on_any_state", on(1, set_force_diags, -1, 4), 0, 1.10,
-     {"set_force_diags ON for UUT:8"}, force_diags(8, true)},
+     {"set_force_diags ON for UUT:8"}, boot("diags", 8, true)},
     {"force_iboot_off", on(0, set_force_iboot, 1, 3), 0, 1.11, {"set_force_iboot OFF for UUT:3"},
-     force_iboot(3, false)},
+     boot("iboot", 3, false)},
     {"force_iboot_on", on(1, set_force_iboot, 0, 2), 0, 1.11, {"set_force_iboot ON for UUT:6"},
-     force_iboot(6, true)},
+     boot("iboot", 6, true)},
     {"dut_power_off", on(1, set_dut_power, 1, 2), 0, 1.02,
      {"set_dut_power with POWER_STATE:1 for UUT:6"}, dut_power(6, false)},
     {"dut_power_on_any_state", on(1, set_dut_power, 2, 3), 0, 0.04,

@@ -298,22 +298,11 @@ TEST_F(Dio, WriteTexts) {
 }
 
 TEST(DioStrToInt, Forms) {
+  // No second prefix, a blank and a sign after the prefix, no binary prefix.
   const std::pair<const char*, long> cases[] = {
-      {"0x1F", 31},
-      {"0X1f", 31},
-      {"0x", 0},
-      {"010", 10},
-      {"12ab", 12},
-      {"-5", -5},
-      {"0xZZ", 0},
-      {"x10", 0},
-      {"", 0},
-      {nullptr, 0},
-      // No second prefix, a blank and a sign after the prefix, no binary prefix.
-      {"0x0x1F", 0},
-      {"0x -1F", -31},
-      {"0b11", 0},
-  };
+      {"0x1F", 31},  {"0X1f", 31},    {"0x", 0},  {"010", 10}, {"12ab", 12},
+      {"-5", -5},    {"0xZZ", 0},     {"x10", 0}, {"", 0},     {nullptr, 0},
+      {"0x0x1F", 0}, {"0x -1F", -31}, {"0b11", 0}};
   for (const auto& [text, want] : cases) EXPECT_EQ(strToInt(text), want) << (text ? text : "null");
 }
 

@@ -56,35 +56,29 @@ Writes four(int first, const std::string& steps) {
   return w;
 }
 
-// Expected traffic, written out from the sequences as the boards must see them.
+// Expected traffic, written out from the sequences as the boards must see them: the power-off,
+// then the boot mode's steps for ON or OFF.
 const std::string kPowerOff = "vusb_off S, batt_supercap_disconn S, vbatt_off L";
-Writes force_dfu(int u, bool on) {
-  return seq(u,
-             kPowerOff +
-                 (on ? ", uart_on S, forcedfu_on S,"
-                       " hi5_enable S, hi5_enable S, hi5_enter_diag S, accid_on S, dfu_host_conn S,"
-                       " set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"
-                     : ", uart_off S, forcedfu_off S,"
-                       " hi5_disable S, hi5_enable S, hi5_enter_diag S, accid_off S,"
-                       " dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S, vusb_off S"));
-}
-Writes force_diags(int u, bool on) {
-  return seq(u, kPowerOff + (on ? ", uart_on S, forcedfu_off S,"
-                                  " hi5_enable 0, hi5_enable S, hi5_enter_diag S, accid_on S,"
-                                  " set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"
-                                : ", uart_off S, forcedfu_on S,"
-                                  " hi5_disable 0, hi5_enable S, hi5_enter_diag S, accid_off 2S,"
-                                  " vbatt_off S, batt_supercap_disconn S, vusb_off S"));
-}
-Writes force_iboot(int u, bool on) {
-  return seq(
-      u, kPowerOff + (on ? ", uart_on S, forcedfu_off S,"
-                           " hi5_enable S, hi5_enable 0, hi5_enter_recovery S, accid_on S,"
-                           " dfu_host_conn S, set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S,"
-                           " vusb_on 0"
-                         : ", uart_off S, forcedfu_on S,"
-                           " hi5_disable S, hi5_enable 0, hi5_enter_recovery S, accid_off S,"
-                           " dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S, vusb_off 0"));
+// clang-format off
+const std::map<std::string, std::string> kBootSteps = {
+    {"dfu ON", "uart_on S, forcedfu_on S, hi5_enable S, hi5_enable S, hi5_enter_diag S, accid_on S,"
+               " dfu_host_conn S, set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"},
+    {"dfu OFF", "uart_off S, forcedfu_off S, hi5_disable S, hi5_enable S, hi5_enter_diag S,"
+                " accid_off S, dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S, vusb_off S"},
+    {"diags ON", "uart_on S, forcedfu_off S, hi5_enable 0, hi5_enable S, hi5_enter_diag S,"
+                 " accid_on S, set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"},
+    {"diags OFF", "uart_off S, forcedfu_on S, hi5_disable 0, hi5_enable S, hi5_enter_diag S,"
+                  " accid_off 2S, vbatt_off S, batt_supercap_disconn S, vusb_off S"},
+    {"iboot ON", "uart_on S, forcedfu_off S, hi5_enable S, hi5_enable 0, hi5_enter_recovery S,"
+                 " accid_on S, dfu_host_conn S, set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S,"
+                 " vusb_on 0"},
+    {"iboot OFF", "uart_off S, forcedfu_on S, hi5_disable S, hi5_enable 0, hi5_enter_recovery S,"
+                  " accid_off S, dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S,"
+                  " vusb_off 0"},
+};
+// clang-format on
+Writes boot(const std::string& mode, int u, bool on) {
+  return seq(u, kPowerOff + ", " + kBootSteps.at(mode + (on ? " ON" : " OFF")));
 }
 const char kPowerOn[] =
     "hi5_enable 0, hi5_enable 0, hi5_enter_recovery S, accid_on S, set_vbatt_4100 S, vbatt_on";
@@ -117,25 +111,6 @@ Writes writes(const testing_support::LogCapture& log) {
   return out;
 }
 
-struct Sequences : StationFixture {
-  // The outcome lines show these writes in order, with at least the given pause after each.
-  void expect_writes(const Writes& expected) const {
-    const Writes seen = writes(log);
-    EXPECT_EQ(seen, expected);
-    for (size_t i = 0; i + 1 < std::min(seen.size(), expected.size()); ++i) {
-      EXPECT_GE(seen[i + 1].time - seen[i].time, expected[i].pause) << "after write " << i;
-    }
-  }
-  // Each board received exactly the lines of its UUT that went through.
-  static void expect_boards(const Writes& expected) {
-    std::map<int, std::string> wire;
-    for (const auto& w : expected) {
-      if (w.ok) wire[w.uut] += w.command;
-    }
-    expect_wire(wire, 0);
-  }
-};
-
 // A row: the call, its result and least time, its own log lines (without "VELMORA: "), the
 // station writes it makes, and the lines the board link sends after them without outcome lines.
 struct Row {
@@ -166,12 +141,16 @@ int unplug_in_the_middle() {
   unplug.join();
   return result;
 }
-int status_then(bool (*query)(FixtureController*)) {
-  StationFixture::board(5).script_status({testing_support::status_reply(43)});
-  return query(StationFixture::wells[1]);
+std::function<int()> status_then(bool (*query)(FixtureController*)) {
+  return [query] {
+    StationFixture::board(5).script_status({testing_support::status_reply(43)});
+    return int(query(StationFixture::wells[1]));
+  };
 }
 
-struct Calls : Sequences, ::testing::WithParamInterface<Row> {};
+// Checked: the result and time, the call's own lines, the writes' order and the least pause
+// after each, and that each board received exactly the lines of its UUT that went through.
+struct Calls : StationFixture, ::testing::WithParamInterface<Row> {};
 TEST_P(Calls, Row) {
   const Row& r = GetParam();
   EXPECT_EQ(testing_support::takes(r.least, r.least + kSlack, r.call), r.result);
@@ -179,8 +158,16 @@ TEST_P(Calls, Row) {
   Lines own;
   for (const auto& [time, text] : log.timed("VELMORA: " + word)) own.push_back(text.substr(9));
   EXPECT_EQ(own, r.logs);
-  expect_writes(r.writes);
-  expect_boards(r.writes + r.linkLines);
+  const Writes seen = writes(log);
+  EXPECT_EQ(seen, r.writes);
+  for (size_t i = 0; i + 1 < std::min(seen.size(), r.writes.size()); ++i) {
+    EXPECT_GE(seen[i + 1].time - seen[i].time, r.writes[i].pause) << "after write " << i;
+  }
+  std::map<int, std::string> wire;
+  for (const auto& w : r.writes + r.linkLines) {
+    if (w.ok) wire[w.uut] += w.command;
+  }
+  expect_wire(wire, 0);
 }
 
 const std::string kLed = "set_led_state for UUT:", kAll = "set_led_state_all for WELL:";
@@ -188,17 +175,17 @@ const Writes kStatus = seq(5, "fixture_status 0");
 // clang-format off
 const Row kRows[] = {
     {"force_dfu_off", on(0, set_force_dfu, 1, 1), 0, 1.12, {"set_force_dfu OFF for UUT:1"},
-     force_dfu(1, false)},
+     boot("dfu", 1, false)},
     {"force_dfu_on", on(1, set_force_dfu, 0, 3), 0, 1.12, {"set_force_dfu ON for UUT:7"},
-     force_dfu(7, true)},
+     boot("dfu", 7, true)},
     {"force_diags_off", on(1, set_force_diags, 1, 1), 0, 1.10, {"set_force_diags OFF for UUT:5"},
-     force_diags(5, false)},
+     boot("diags", 5, false)},
     {"force_diags_on_any_state", on(1, set_force_diags, -1, 4), 0, 1.10,
-     {"set_force_diags ON for UUT:8"}, force_diags(8, true)},
+     {"set_force_diags ON for UUT:8"}, boot("diags", 8, true)},
     {"force_iboot_off", on(0, set_force_iboot, 1, 3), 0, 1.11, {"set_force_iboot OFF for UUT:3"},
-     force_iboot(3, false)},
+     boot("iboot", 3, false)},
     {"force_iboot_on", on(1, set_force_iboot, 0, 2), 0, 1.11, {"set_force_iboot ON for UUT:6"},
-     force_iboot(6, true)},
+     boot("iboot", 6, true)},
     {"dut_power_off", on(1, set_dut_power, 1, 2), 0, 1.02,
      {"set_dut_power with POWER_STATE:1 for UUT:6"}, dut_power(6, false)},
     {"dut_power_on_any_state", on(1, set_dut_power, 2, 3), 0, 0.04,
@@ -212,11 +199,9 @@ const Row kRows[] = {
     {"battery_on", on(0, set_battery_power, -1, 3), 0, 0, {"set_battery_power, UUT:3"},
      seq(3, "vbatt_on 0")},
     {"dut_power_all_off", on(1, set_dut_power_all, 1), 0, 0.08,
-     {"set_dut_power_all with POWER_STATE:1 for WELL:2"},
-     all_of_well2(false)},
+     {"set_dut_power_all with POWER_STATE:1 for WELL:2"}, all_of_well2(false)},
     {"dut_power_all_on", on(1, set_dut_power_all, 0), 0, 0.20,
-     {"set_dut_power_all with POWER_STATE:0 for WELL:2"},
-     all_of_well2(true)},
+     {"set_dut_power_all with POWER_STATE:0 for WELL:2"}, all_of_well2(true)},
     {"dut_power_all_off_well1", on(0, set_dut_power_all, 1), -1, 0.01,
      {"set_dut_power_all with POWER_STATE:1 for WELL:1"},
      seq(1, "vusb_off S") + seq(0, "!batt_supercap_disconn 0")},
@@ -240,8 +225,7 @@ const Row kRows[] = {
     {"led_all_off", on(0, set_led_state_all, 0), 0, 0, {kAll + "1", kAll + "1, OFF"}, {},
      seq(1, "run_led_off 0")},
     {"led_all_inprogress", on(1, set_led_state_all, 3), 0, 0, {kAll + "2", kAll + "2, INPROGRESS"},
-     {},
-     seq(5, "run_led_on 0")},
+     {}, seq(5, "run_led_on 0")},
     {"reset", on(1, reset), 0, 4 * S, {"resetting controller INDEX:1"}, four(5, "dfu_reset S")},
     {"engage", on(0, fixture_engage), 0, 4 * S, {"fixture_engage, WELL:1"}, {},
      four(1, "pne_down 0")},
@@ -252,15 +236,14 @@ const Row kRows[] = {
     {"open", on(1, fixture_open), 0, 1.0 + 8 * S, {"fixture_open, WELL:2"}, four(5, "dfu_reset S"),
      four(5, "pne_out 0")},
     // Status 43: buttons released, plate down, fixture closed.
-    {"is_engaged", [] { return status_then(is_fixture_engaged); }, 1, 0.31,
-     {"is_fixture_engage for WELL:2"}, {}, kStatus},
-    {"is_disengaged", [] { return status_then(is_fixture_disengaged); }, 0, 0.31,
-     {"is_fixture_disengage for WELL:2"}, {},
+    {"is_engaged", status_then(is_fixture_engaged), 1, 0.31, {"is_fixture_engage for WELL:2"}, {},
      kStatus},
-    {"is_closed", [] { return status_then(is_fixture_closed); }, 1, 0.31,
-     {"is_fixture_closed for WELL:2"}, {}, kStatus},
-    {"is_open", [] { return status_then(is_fixture_open); }, 0, 0.31,
-     {"is_fixture_opened for WELL:2"}, {}, kStatus},
+    {"is_disengaged", status_then(is_fixture_disengaged), 0, 0.31,
+     {"is_fixture_disengage for WELL:2"}, {}, kStatus},
+    {"is_closed", status_then(is_fixture_closed), 1, 0.31, {"is_fixture_closed for WELL:2"}, {},
+     kStatus},
+    {"is_open", status_then(is_fixture_open), 0, 0.31, {"is_fixture_opened for WELL:2"}, {},
+     kStatus},
     // Site 2's port closed: a sequence stops at its first failed write, the LEDs of the well at
     // theirs; press moves never report a failed site.
     {"force_dfu_closed_site", with_closed(1, on(0, set_force_dfu, 0, 2)), -1, 0,
@@ -280,7 +263,7 @@ INSTANTIATE_TEST_SUITE_P(Sequences, Calls, ::testing::ValuesIn(kRows),
                          [](const auto& info) { return info.param.name; });
 
 // Init with the second UUT's port closed: it stops at that UUT's LEDs after its full pauses.
-TEST_F(Sequences, AFailedSiteStopsInitAtItsLeds) {
+TEST_F(StationFixture, AFailedSiteStopsInitAtItsLeds) {
   EXPECT_EQ(testing_support::takes(5.0, 5.0 + kSlack,
                                    [] { return closed({1}, [] { return init(wells[0]); }); }),
             -1);

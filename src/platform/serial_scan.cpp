@@ -4,6 +4,7 @@
 #include <libudev.h>
 
 #include <cstring>
+#include <memory>
 #include <string_view>
 
 #include "platform/platform.h"
@@ -87,24 +88,26 @@ extern "C" char* getRegistryString(udev_device* entry, const char* key) {
 
 namespace brakwell::platform {
 
+// The udev objects are held so that a failed allocation in the middle leaks none of them.
 bool list_serial_ports(std::vector<SerialPort>* ports) {
-  udev_enumerate* scan = nullptr;
-  if (createSerialIterator(&scan) != 0) return false;
-  udev* context = udev_enumerate_get_udev(scan);
+  udev_enumerate* made = nullptr;
+  if (createSerialIterator(&made) != 0) return false;
+  const std::unique_ptr<udev_enumerate, decltype(&udev_enumerate_unref)> scan(made,
+                                                                              udev_enumerate_unref);
+  udev* context = udev_enumerate_get_udev(scan.get());
   udev_list_entry* entry = nullptr;
-  udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(scan)) {
+  udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(scan.get())) {
     const char* sysPath = udev_list_entry_get_name(entry);
     if (!sysPath || std::strstr(sysPath, "/devices/virtual/")) continue;
-    udev_device* port = udev_device_new_from_syspath(context, sysPath);
+    const std::unique_ptr<udev_device, decltype(&udev_device_unref)> port(
+        udev_device_new_from_syspath(context, sysPath), udev_device_unref);
     if (!port) continue;
     // getRegistryString hands out one shared area: copy each answer before the next read.
     SerialPort record;
-    record.baseName = getRegistryString(port, "IOTTYDevice");
-    record.dialIn = getRegistryString(port, "IODialinDevice");
-    udev_device_unref(port);
+    record.baseName = getRegistryString(port.get(), "IOTTYDevice");
+    record.dialIn = getRegistryString(port.get(), "IODialinDevice");
     ports->push_back(std::move(record));
   }
-  udev_enumerate_unref(scan);
   return true;
 }
 

@@ -38,6 +38,12 @@
  * before the first line is written to mirror every line to standard error. In the log only, text
  * that came from a device (USB strings) has its control characters written as \xNN; the texts
  * handed to the host stay as read.
+ *
+ * Processes: no C++ exception leaves a call; one that runs out of memory answers as it does for
+ * a failure and logs "<call> failed: <reason>" (a log line that cannot be made is dropped). Every
+ * descriptor the library opens is close-on-exec, and the programs it starts (lsusb, zenity) are
+ * found by absolute path. A forked child may exec or exit at any time: it releases nothing of
+ * its parent's and waits for none of its locks, even at exit.
  */
 #ifndef BRAKWELL_H
 #define BRAKWELL_H

@@ -77,21 +77,15 @@ int main(int argc, char** argv) {
   std::printf("enumeration of 30 devices: median %.4f s, slowest %.4f s (%zu runs)\n",
               percentile(enums, 0.5), percentile(enums, 1), enums.size());
 
-  // From the "add" uevent, which the testbed traces as it sends it, to the record in the list.
+  // From the moment the testbed is asked to plug the unit in to its record in the list: the
+  // testbed's own work (sysfs entries, the uevent) is included, so this is an upper bound.
   usbDeviceConnStatus(0x05ac, 0x1281);
   std::vector<double> latencies;
   for (int i = 0; i < runs; ++i) {
+    const double start = sim::now();
     sim::UsbDevice& unit = bus.add_unit(5, "");
     if (!wait_listed(1)) break;
-    const double listedAt = sim::now();
-    const auto events = bed.trace_events();
-    const std::string sent = unit.desc().portPath + "=add";
-    for (auto e = events.rbegin(); e != events.rend(); ++e) {
-      if (e->what == sent) {
-        latencies.push_back(listedAt - e->time);
-        break;
-      }
-    }
+    latencies.push_back(sim::now() - start);
     bus.remove(unit);
     if (!wait_listed(0)) break;
   }
@@ -99,9 +93,10 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "brakwell_usb_bench: no arrival was listed\n");
     return 1;
   }
-  std::printf("Apple unit arrival to list: median %.2f ms, 90%% %.2f ms, slowest %.2f ms (%zu)\n",
-              1e3 * percentile(latencies, 0.5), 1e3 * percentile(latencies, 0.9),
-              1e3 * percentile(latencies, 1), latencies.size());
+  std::printf(
+      "Apple unit plugged in to listed: median %.2f ms, 90%% %.2f ms, slowest %.2f ms (%zu)\n",
+      1e3 * percentile(latencies, 0.5), 1e3 * percentile(latencies, 0.9),
+      1e3 * percentile(latencies, 1), latencies.size());
 
   const double cpu0 = process_cpu(), wall0 = sim::now();
   std::this_thread::sleep_for(std::chrono::seconds(2));

@@ -12,11 +12,7 @@ void log_caught(const char* call) noexcept {
     reason = e.what();
   } catch (...) {
   }
-  try {
-    log("%s failed: %s", call, reason);
-  } catch (...) {
-    // No memory even for the line: the answer still goes back.
-  }
+  log("%s failed: %s", call, reason);  // never throws: without memory the line is lost
 }
 
 }  // namespace brakwell::platform

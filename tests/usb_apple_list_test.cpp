@@ -295,8 +295,8 @@ TEST_F(AppleList, ArmedAgainAndAgainByTheHostAndAcrossAFork) {
 // Under an address-space limit the event thread cannot start: the call answers 0 and logs one
 // line, and the host goes on.
 TEST(AppleThread, FailsOnlyTheCallWhenItCannotStart) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
 #if !defined(__SANITIZE_ADDRESS__)  // ASan reserves the address space that the limit would cap
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
         sim::Testbed bed;
@@ -307,16 +307,16 @@ TEST(AppleThread, FailsOnlyTheCallWhenItCannotStart) {
         long pages = 0;
         FILE* statm = std::fopen("/proc/self/statm", "r");
         if (!statm || std::fscanf(statm, "%ld", &pages) != 1) std::_Exit(2);
-        rlimit limit{};
-        limit.rlim_cur = limit.rlim_max =
-            static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (2 << 20);
+        const rlim_t bytes = static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (2 << 20);
+        const auto limit = (rlimit{bytes, bytes});  // in parentheses: a macro argument
         setrlimit(RLIMIT_AS, &limit);
         const int rc = usbDeviceConnStatus(kApple, kUnit);
         const auto lines = log.syslog();
-        for (const auto& line : lines) std::fprintf(stderr, "%s\n", line.c_str());
-        std::_Exit(rc == 0 && lines.size() == 1 ? 0 : 1);
+        const bool one =
+            lines.size() == 1 && lines[0].rfind("usbDeviceConnStatus failed: ", 0) == 0;
+        std::_Exit(rc == 0 && one ? 0 : 1);
       },
-      ::testing::ExitedWithCode(0), "usbDeviceConnStatus failed: ");
+      ::testing::ExitedWithCode(0), "");
 #endif
 }
 

@@ -47,11 +47,6 @@ Ids history() {
 bool wait_listed(size_t n) {
   return wait_until([n] { return listed().size() == n; });
 }
-size_t count_prefix(const Lines& lines, const std::string& prefix) {
-  return static_cast<size_t>(std::count_if(
-      lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(prefix, 0) == 0; }));
-}
-
 struct AppleList : ::testing::Test {
   // A libusb context hears only the testbed it was made in: each test starts a fresh one.
   AppleList() {
@@ -158,7 +153,7 @@ TEST_F(AppleList, ThirteenArrivalsOnlyTerminationRemovesThenRemoveAll) {
   ASSERT_EQ(usbDeviceConnStatus(kApple, kUnit), 0);
   std::vector<sim::UsbDevice*> units;
   for (int n = 1; n <= 13; ++n) units.push_back(&add_unit(n));
-  ASSERT_TRUE(wait_until([&] { return count_prefix(log.syslog(), "Warning: Max 12") == 1; }));
+  ASSERT_TRUE(wait_until([&] { return log.timed("Warning: Max 12").size() == 1; }));
   EXPECT_EQ(listed().size(), 12u);
   EXPECT_EQ(history().size(), 12u);  // no free entry was left for the thirteenth
   bus.remove(*units.back());
@@ -174,8 +169,7 @@ TEST_F(AppleList, ThirteenArrivalsOnlyTerminationRemovesThenRemoveAll) {
   EXPECT_TRUE(log.syslog().empty());
   usbDeviceRemoveAll();
   EXPECT_TRUE(listed().empty());
-  EXPECT_EQ(count_prefix(log.syslog(), "Apple Device removed. Device Name:iPhone locationID: "),
-            12u);
+  EXPECT_EQ(log.timed("Apple Device removed. Device Name:iPhone locationID: ").size(), 12u);
   EXPECT_EQ(history().size(), 12u);
   log.clear();
   for (auto* unit : units) bus.remove(*unit);
@@ -198,24 +192,21 @@ TEST_F(AppleList, StormsAndAStormWhileEveryRecordIsFreed) {
   EXPECT_LE(history().size(), 6u);
   remove_units();
   ASSERT_TRUE(wait_listed(0));
-  const size_t added = count_prefix(log.syslog(), "Apple Device added:");
+  const size_t added = log.timed("Apple Device added:").size();
   std::atomic<bool> stop{false};
   std::thread thread([&] {
     storm(
         8, 0.002, [&] { return !stop; }, seen);
     remove_units();
   });
-  ASSERT_TRUE(
-      wait_until([&] { return count_prefix(log.syslog(), "Apple Device added:") > added + 8; }));
+  ASSERT_TRUE(wait_until([&] { return log.timed("Apple Device added:").size() > added + 8; }));
   usbDeviceRemoveAll();
   sleep_seconds(0.2);
   stop = true;
   thread.join();
   ASSERT_TRUE(wait_listed(0));
   sleep_seconds(0.1);  // late removals of records that were already freed
-  const auto lines = log.syslog();
-  EXPECT_EQ(count_prefix(lines, "Apple Device added:"),
-            count_prefix(lines, "Apple Device removed."));
+  EXPECT_EQ(log.timed("Apple Device added:").size(), log.timed("Apple Device removed.").size());
   for (uint32_t id : history()) EXPECT_TRUE(seen.count(id)) << std::hex << id;
 }
 

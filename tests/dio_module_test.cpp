@@ -18,7 +18,6 @@ namespace dio = brakwell::dio;
 using Bytes = std::vector<uint8_t>;
 using Frames = std::vector<Bytes>;
 using Lines = std::vector<std::string>;
-using brakwell::platform::monotonic_seconds;
 
 // One testbed for the whole program: the library's libusb context hears only the testbed that
 // was current when it was made.
@@ -82,12 +81,10 @@ class Dio : public ::testing::Test {
     modules[m].reset();
     EXPECT_TRUE(wait_alive(m, 0));
   }
-  // Plugged, opened through the pipes layer and, when asked, through the register layer too;
-  // the record starts empty.
+  // Plugged and opened, through the register layer too when asked; the record starts empty.
   sim::DioModule& open(int m, bool registers = false) {
     sim::DioModule& module = plug(m);
     EXPECT_EQ(openUSB(m), 1);
-    EXPECT_TRUE(dio::modules[m].hasInterface);
     EXPECT_EQ(registers ? dioOpen(m) : 1, 1);
     module.clear_record();
     log.clear();
@@ -99,32 +96,23 @@ class Dio : public ::testing::Test {
   Lines alerts;  // title|message|button
 };
 
-// openUSB(1) takes 0xDF02 only; an interface of the wrong class leaves the pipes silent; a
-// missing device node prints the open failures; closeUSB clears the tables.
+// openUSB(1) takes 0xDF02 only; an interface of the wrong class leaves the pipes silent;
+// closeUSB clears the tables; a missing device node prints the open failures.
 TEST_F(Dio, OpenFailuresAndClose) {
   sim::DioModule& vendorClass = plug(0, 0xff);
   EXPECT_EQ(openUSB(1), 0);
-  EXPECT_EQ(dio::modules[1].list, nullptr);
   EXPECT_EQ(openUSB(0), 1);
-  EXPECT_NE(dio::modules[0].device, nullptr);
-  EXPECT_FALSE(dio::modules[0].hasInterface);
   EXPECT_EQ(writeToEndpt(0, 1, kStatusFrame, 3), 0);
   EXPECT_EQ(vendorClass.transfers(), 0u);
-  EXPECT_TRUE(alerts.empty());
   closeUSB(0);
   unplug(0);
-
-  sim::DioModule& second = open(1);
-  EXPECT_EQ(dio::modules[1].numPipes, 2);
-  EXPECT_EQ(writeToEndpt(1, 1, kStatusFrame, 3), 1);
-  EXPECT_EQ(second.frames(), (Frames{{0x02, 0x03, 0x02}}));
+  open(1);
   EXPECT_EQ(closeUSB(1), 0);
-  EXPECT_EQ(std::vector<const void*>({dio::modules[1].device, dio::modules[1].list,
-                                      dio::modules[1].service, dio::masterPort}),
+  const auto& m = dio::modules[1];
+  EXPECT_EQ((std::vector<const void*>{m.device, m.list, m.service, dio::masterPort}),
             std::vector<const void*>(4, nullptr));
-  EXPECT_FALSE(dio::modules[1].hasInterface);
-  EXPECT_TRUE(log.stdout_lines().empty());
-  EXPECT_TRUE(log.syslog().empty());
+  EXPECT_FALSE(m.hasInterface);
+  EXPECT_TRUE(alerts.empty() && log.syslog().empty() && log.stdout_lines().empty());
 
   sim::DioModule& noNode = plug(0);  // still listed, but no handle can be made
   ASSERT_EQ(unlink((bed->root() + noNode.usb().devnode()).c_str()), 0);
@@ -179,12 +167,10 @@ TEST_F(Dio, VendorRequestAndAModuleThatLeft) {
 // interface dropped. openUSB keeps the broken handle (refused as busy); later calls fail at once
 // without a transfer, also once the module has left.
 TEST_F(Dio, BrokenLinkAlertsOnceAndSilencesThePipes) {
-  const std::pair<size_t, const char*> cases[] = {
-      // Which transfer of the status command fails: 1 the write, 2 the read.
-      {1, "VELMORA: USB Write: unable to do usb write to pipe2. Error Code: ffffffff\n"},
-      {2, "VELMORA: USB Read: unable to do usb read to pipe1. Error Code: ffffffff\n"},
-  };
-  for (const auto& [failing, line] : cases) {
+  // Which transfer of the status command fails: 1 the write, 2 the read.
+  for (const auto& [failing, line] : std::initializer_list<std::pair<size_t, const char*>>{
+           {1, "VELMORA: USB Write: unable to do usb write to pipe2. Error Code: ffffffff\n"},
+           {2, "VELMORA: USB Read: unable to do usb read to pipe1. Error Code: ffffffff\n"}}) {
     SCOPED_TRACE(line);
     sim::DioModule& module = open(0, true);
     alerts.clear();
@@ -200,11 +186,11 @@ TEST_F(Dio, BrokenLinkAlertsOnceAndSilencesThePipes) {
     unsigned char buffer[10] = {};
     for (bool left : {false, true}) {
       if (left) module.vanish();
-      const double start = monotonic_seconds();
-      EXPECT_EQ(readFromEndpt(0, 1, buffer, 10), 0);
-      EXPECT_EQ(writeToEndpt(0, 1, buffer, 3), 0);
-      EXPECT_EQ(dioWrite(0, 2, "0x44"), 0);
-      EXPECT_LT(monotonic_seconds() - start, 0.05);
+      const double start = brakwell::platform::monotonic_seconds();
+      EXPECT_EQ(
+          readFromEndpt(0, 1, buffer, 10) + writeToEndpt(0, 1, buffer, 3) + dioWrite(0, 2, "0x44"),
+          0);
+      EXPECT_LT(brakwell::platform::monotonic_seconds() - start, 0.05);
     }
     EXPECT_EQ(dio::reg[0][2], 0x33);
     EXPECT_EQ(module.transfers(), transfers);
@@ -226,7 +212,6 @@ TEST_F(Dio, AsyncReadCallbacksAndAlertText) {
             (Lines{"VELMORA: USBDIO_02 Read Timeout! readTimerHandler invoked!",
                    "VELMORA: USB readCompletion: error from async read (e00002d6)\n"}));
   EXPECT_EQ(dio::modules[1].readError, 1);
-
   brakwell::platform::set_alert_sink(nullptr, nullptr);
   unsetenv("DISPLAY");
   unsetenv("WAYLAND_DISPLAY");
@@ -237,17 +222,14 @@ TEST_F(Dio, AsyncReadCallbacksAndAlertText) {
 }
 
 TEST_F(Dio, RegisterFramesOpenReadStatusClose) {
-  sim::DioModule& module = plug(0);
-  ASSERT_EQ(openUSB(0), 1);
+  sim::DioModule& module = open(0);
   uint32_t value = 0xdead;
   EXPECT_EQ(dioRead(0, 5, &value), 0);  // not opened yet: nothing sent
   EXPECT_EQ(value, 0u);
   EXPECT_EQ(module.transfers(), 0u);
-
   ASSERT_EQ(dioOpen(0), 1);
   EXPECT_EQ(module.frames(), rest_frames({{0x02, 0x03, 0x03}, write_frame(0, 0x01)}, kAllRest));
   EXPECT_EQ(module.read_lengths(), std::vector<size_t>{10});  // the reset's reply
-  EXPECT_EQ(dio::bDioOpened[0], 1);
   module.clear_record();
   module.set_register(5, 0x5a);
   module.script_status({0x47});
@@ -258,11 +240,10 @@ TEST_F(Dio, RegisterFramesOpenReadStatusClose) {
   unsigned char buffer[64] = {};
   EXPECT_EQ(readFromEndpt(0, 1, buffer, 1), 1);  // ten bytes whatever the size
   // Refused without a transfer: no channel 0, no pipe 3, no register 16, no buffer, no text.
-  EXPECT_EQ(writeToEndpt(0, 0, buffer, 3), 0);
-  EXPECT_EQ(readFromEndpt(0, 2, buffer, 10), 0);
-  EXPECT_EQ(readFromEndpt(0, 1, nullptr, 10), 0);
-  EXPECT_EQ(dioWrite(0, 16, "0x01"), 0);
-  EXPECT_EQ(dioWrite(0, 2, nullptr), 0);
+  EXPECT_EQ(writeToEndpt(0, 0, buffer, 3) + readFromEndpt(0, 2, buffer, 10) +
+                readFromEndpt(0, 1, nullptr, 10) + dioWrite(0, 16, "0x01") +
+                dioWrite(0, 2, nullptr),
+            0);
   EXPECT_EQ(module.read_lengths(), (std::vector<size_t>{10, 10, 10}));
   for (int r : {1, 3, 10}) dio::reg[0][r] = 0x77;
   resetAllRegisters2(0);  // leaves 1, 3 and 10 alone
@@ -277,95 +258,76 @@ TEST_F(Dio, RegisterFramesOpenReadStatusClose) {
 
 TEST_F(Dio, WriteTexts) {
   sim::DioModule& module = open(0);
-  const struct {
-    const char* text;
-    uint8_t shadow;
-    int sent;  // -1: nothing sent, result 0
-  } cases[] = {
+  // Text, the register before, what is sent (-1: nothing, result 0).
+  const std::tuple<const char*, uint8_t, int> cases[] = {
       {"11110000", 0x0f, 0xf0}, {"1x0xxxxx", 0x25, 0x85}, {"xxxxxxxx", 0x5a, 0x5a},
       {"511", 0, 0xff},         {"0x1FF", 0, -1},         {"12345", 0, -1},
       {"1010101", 0, -1},       {"101010101", 0, -1},     {"010", 0, 10},
-      {"0xFF", 0, 0xff},        {"0x01", 0, 0x01},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
+      {"0xFF", 0, 0xff},        {"0x01", 0, 0x01}};
+  for (const auto& [text, shadow, sent] : cases) {
     module.clear_record();
-    dio::reg[0][2] = c.shadow;
-    EXPECT_EQ(dioWrite(0, 2, c.text), c.sent >= 0 ? 1 : 0);
-    EXPECT_EQ(module.frames(), c.sent >= 0 ? Frames{write_frame(2, c.sent)} : Frames{});
-    EXPECT_EQ(dio::reg[0][2], c.sent >= 0 ? c.sent : c.shadow);
+    dio::reg[0][2] = shadow;
+    EXPECT_EQ(dioWrite(0, 2, text), sent >= 0) << text;
+    EXPECT_EQ(module.frames(), sent >= 0 ? Frames{write_frame(2, sent)} : Frames{}) << text;
+    EXPECT_EQ(dio::reg[0][2], sent >= 0 ? sent : shadow) << text;
   }
-}
-
-TEST(DioStrToInt, Forms) {
   // No second prefix, a blank and a sign after the prefix, no binary prefix.
-  const std::pair<const char*, long> cases[] = {
+  const std::pair<const char*, long> numbers[] = {
       {"0x1F", 31},  {"0X1f", 31},    {"0x", 0},  {"010", 10}, {"12ab", 12},
       {"-5", -5},    {"0xZZ", 0},     {"x10", 0}, {"", 0},     {nullptr, 0},
       {"0x0x1F", 0}, {"0x -1F", -31}, {"0b11", 0}};
-  for (const auto& [text, want] : cases) EXPECT_EQ(strToInt(text), want) << (text ? text : "null");
+  for (const auto& [text, want] : numbers) EXPECT_EQ(strToInt(text), want) << (text ? text : "");
 }
 
 TEST_F(Dio, SensorDebounce) {
-  const struct {
-    const char* name;
-    int module;
-    Bytes status;
-    int result;
-    uint32_t sensors;
-    size_t reads;        // of the status byte
-    const char* change;  // the change line, if any
-  } cases[] = {
-      // clang-format off
-      {"steady", 0, {0x47}, 1, 0x07, 5, nullptr},
-      {"one glitch", 0, {0x07, 0x03, 0x07}, 1, 0x07, 6, nullptr},
-      {"bouncing", 0, {5, 6, 5, 5, 5, 6, 5, 5, 5, 6, 5, 5, 5, 6}, 0, 0xff, 13,
+  // Module, status bytes, result, sensors, status reads, the change line if any.
+  const std::tuple<int, Bytes, int, uint32_t, size_t, const char*> cases[] = {
+      {0, {0x47}, 1, 0x07, 5, nullptr},              // steady
+      {0, {0x07, 0x03, 0x07}, 1, 0x07, 6, nullptr},  // one glitch
+      {0,
+       {5, 6, 5, 5, 5, 6, 5, 5, 5, 6, 5, 5, 5, 6},
+       0,
+       0xff,
+       13,  // bouncing
        "VELMORA: Left Well Sensor state changed, rdData: 0x5"},
-      {"settles late", 1, {0x01, 0x02}, 0, 0xff, 13,
-       "VELMORA: Right Well Sensor state changed, rdData: 0x1"},
-      {"taken up next time", 1, {0x02}, 1, 0x02, 5,
-       "VELMORA: Right Well Sensor state changed, rdData: 0x2"},
-      // clang-format on
+      {1, {0x01, 0x02}, 0, 0xff, 13, "VELMORA: Right Well Sensor state changed, rdData: 0x1"},
+      {1, {0x02}, 1, 0x02, 5, "VELMORA: Right Well Sensor state changed, rdData: 0x2"},  // next
   };
   open(0, true);
   open(1, true);
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    sim::DioModule& module = *modules[c.module];
-    module.script_status(c.status);
+  int row = 0;
+  for (const auto& [m, status, result, want, reads, change] : cases) {
+    SCOPED_TRACE(row++);
+    modules[m]->script_status(status);
     log.clear();
     uint32_t sensors = 0;
-    EXPECT_EQ(dioReadSensor(c.module, &sensors), c.result);
-    EXPECT_EQ(sensors, c.sensors);
-    const auto times = module.status_times();
-    ASSERT_EQ(times.size(), c.reads);
-    const double span = times.back() - times.front();
-    EXPECT_GE(span, 0.001 * static_cast<double>(c.reads - 1));
-    EXPECT_LT(span, 1.0);
-    EXPECT_EQ(log.syslog(), c.change ? Lines{c.change} : Lines{});
+    EXPECT_EQ(dioReadSensor(m, &sensors), result);
+    EXPECT_EQ(sensors, want);
+    const auto times = modules[m]->status_times();
+    ASSERT_EQ(times.size(), reads);
+    EXPECT_GE(times.back() - times.front(), 0.001 * static_cast<double>(reads - 1));
+    EXPECT_LT(times.back() - times.front(), 1.0);
+    EXPECT_EQ(log.syslog(), change ? Lines{change} : Lines{});
   }
 }
 
 TEST_F(Dio, BoardId) {
-  const struct {
-    Bytes status;
-    bool opened, result;
-    uint32_t id;
-    size_t reads;
-  } cases[] = {
-      {{0xa3, 0xa3}, true, true, 10, 2}, {{0xf0}, true, false, 15, 1},
-      {{0x03}, true, false, 0, 1},       {{0xa3, 0xb3}, true, false, 10, 2},
-      {{0xa3}, false, false, 255, 0},
-  };
+  // Status bytes, opened, result, id, status reads.
+  const std::tuple<Bytes, bool, bool, uint32_t, size_t> cases[] = {
+      {{0xa3, 0xa3}, true, true, 10, 2},
+      {{0xf0}, true, false, 15, 1},
+      {{0x03}, true, false, 0, 1},
+      {{0xa3, 0xb3}, true, false, 10, 2},
+      {{0xa3}, false, false, 255, 0}};
   sim::DioModule& module = open(0, true);
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.status[0] + 256 * c.opened);
-    module.script_status(c.status);
-    dio::bDioOpened[0] = c.opened;
+  for (const auto& [status, opened, result, want, reads] : cases) {
+    SCOPED_TRACE(status[0] + 256 * opened);
+    module.script_status(status);
+    dio::bDioOpened[0] = opened;
     uint32_t id = 0;
-    EXPECT_EQ(SOC_BoardID(0, &id), c.result);
-    EXPECT_EQ(id, c.id);
-    EXPECT_EQ(module.status_reads(), c.reads);
+    EXPECT_EQ(SOC_BoardID(0, &id), result);
+    EXPECT_EQ(id, want);
+    EXPECT_EQ(module.status_reads(), reads);
   }
   EXPECT_FALSE(SOC_BoardID(0, nullptr));
 }

@@ -1,63 +1,282 @@
-// The controller handle: its start, identity and geometry, the calls that only log, and what
-// every call answers for a null handle.
-#include <Brakwell.h>
-#include <gtest/gtest.h>
-
-#include <cstdio>
+// The controller against a virtual station: the handle (start, identity, geometry, the calls that
+// only log, a null handle) and the sequences (power and boot modes, LEDs, press moves and
+// sensors, init). A sequence row checks each board's lines, the order and UUT of every write and
+// the pause after it (timed from the outcome line the calling thread logs right after each
+// write), the call's own log lines, the total time, and where a failure stops the sequence.
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <string>
-#include <type_traits>
+#include <regex>
+#include <sstream>
 
-#include "fixture.h"
-#include "fixture/controller.h"
-#include "support/log_capture.h"
+#include "support/station_fixture.h"
 
 namespace {
 
-using Lines = std::vector<std::string>;
+using testing_support::closed;
+using testing_support::Lines;
+using testing_support::StationFixture;
 
-class Controller : public ::testing::Test {
- protected:
-  // Both wells with their boards and USB devices, so that the station start counts two wells.
-  // Every suite of the program shares it.
-  static void SetUpTestSuite() {
-    if (fixture) return;
-    sim::FixtureOptions options;
-    options.dioModules.clear();
-    fixture = new sim::Fixture(options);
+constexpr double S = brakwell::station::kLinePause;
+constexpr double kSlack = 0.4;  // late wake-ups on a loaded machine; never early ones
+
+struct Write {
+  int uut;  // 1-based, as logged
+  std::string command;
+  double pause = 0;   // expected: the least time before the next write
+  bool ok = true;     // "!name": a failed write
+  bool link = false;  // "~name": sent by the board link, which logs no outcome line
+  double time = 0;    // seen: when its outcome line was logged
+  bool operator==(const Write& o) const {
+    return uut == o.uut && command == o.command && ok == o.ok;
   }
-  void SetUp() override {
-    for (sim::Board* board : fixture->boards().all()) board->clear();
+};
+using Writes = std::vector<Write>;
+std::ostream& operator<<(std::ostream& out, const Write& w) {
+  return out << w.uut << ":" << (w.ok ? "" : "!") << w.command.substr(0, w.command.find('\n'));
+}
+
+// The lines of one UUT, each a name and the pause after it: "vusb_off S, vbatt_off L" is
+// "vel_vusb_off\n", 0.01 s, "vel_vbatt_off\n", 1.0 s. Pauses: 0, S, 2S, L.
+Writes seq(int uut, const std::string& steps) {
+  Writes out;
+  std::istringstream in(steps);
+  std::string name, pause;
+  while (in >> name >> pause) {
+    if (pause.back() == ',') pause.pop_back();
+    const bool ok = name[0] != '!', link = name[0] == '~';
+    const double seconds = pause == "L" ? 1.0 : pause == "2S" ? 2 * S : pause == "S" ? S : 0;
+    out.push_back({uut, "vel_" + name.substr(ok && !link ? 0 : 1) + "\n", seconds, ok, link});
   }
-  // Nothing here touches a board or a signal flag.
+  return out;
+}
+Writes operator+(Writes a, const Writes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+// The same steps on the four UUTs from `first`, one UUT after the other.
+Writes four(int first, const std::string& steps, Writes (*each)(int, const std::string&) = seq) {
+  Writes w;
+  for (int uut = first; uut < first + 4; ++uut) w = w + each(uut, steps);
+  return w;
+}
+
+// Expected traffic, written out from the sequences as the boards must see them: the power-off,
+// then the boot mode's steps for ON or OFF.
+const std::string kPowerOff = "vusb_off S, batt_supercap_disconn S, vbatt_off L";
+// clang-format off
+const std::map<std::string, std::string> kBootSteps = {
+    {"dfu ON", "uart_on S, forcedfu_on S, hi5_enable S, hi5_enable S, hi5_enter_diag S, accid_on S,"
+               " dfu_host_conn S, set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"},
+    {"dfu OFF", "uart_off S, forcedfu_off S, hi5_disable S, hi5_enable S, hi5_enter_diag S,"
+                " accid_off S, dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S, vusb_off S"},
+    {"diags ON", "uart_on S, forcedfu_off S, hi5_enable 0, hi5_enable S, hi5_enter_diag S,"
+                 " accid_on S, set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S, vusb_on S"},
+    {"diags OFF", "uart_off S, forcedfu_on S, hi5_disable 0, hi5_enable S, hi5_enter_diag S,"
+                  " accid_off 2S, vbatt_off S, batt_supercap_disconn S, vusb_off S"},
+    {"iboot ON", "uart_on S, forcedfu_off S, hi5_enable S, hi5_enable 0, hi5_enter_recovery S,"
+                 " accid_on S, dfu_host_conn S, set_vbatt_4100 S, vbatt_on S, batt_supercap_conn S,"
+                 " vusb_on 0"},
+    {"iboot OFF", "uart_off S, forcedfu_on S, hi5_disable S, hi5_enable 0, hi5_enter_recovery S,"
+                  " accid_off S, dfu_host_conn 2S, vbatt_off S, batt_supercap_disconn S,"
+                  " vusb_off 0"},
+};
+// clang-format on
+Writes boot(const std::string& mode, int u, bool on) {
+  return seq(u, kPowerOff + ", " + kBootSteps.at(mode + (on ? " ON" : " OFF")));
+}
+const std::string kPowerOn =
+    "hi5_enable 0, hi5_enable 0, hi5_enter_recovery S, accid_on S, set_vbatt_4100 S, vbatt_on";
+Writes power_one(int u, bool on) {
+  return seq(u, on ? kPowerOn + " 0, batt_supercap_conn S, vusb_on 0" : kPowerOff);
+}
+// set_dut_power_all: each UUT's supercap line goes to the UUT before it (u - 1); on the first
+// well that is index -1, a failed write that ends the call. `steps`: "ON", "OFF" or the failure.
+Writes power_all(int u, const std::string& steps) {
+  if (steps == "ON")
+    return seq(u, kPowerOn + " S") + power_all(u, "batt_supercap_conn") + seq(u, "vusb_on 0");
+  if (steps == "OFF")
+    return seq(u, "vusb_off S") + power_all(u, "batt_supercap_disconn") + seq(u, "vbatt_off 0");
+  return seq(u - 1, steps + (u == 1 ? " 0" : " S"));
+}
+
+// The station's outcome lines, one per command written, each with the time it was logged.
+Writes writes(const testing_support::LogCapture& log) {
+  static const std::regex outcome(
+      R"(VELMORA: SOC_\w+, UUT:(-?\d+), (Successfully wr(?:ite|ote)|Failed to write) ([\s\S]*))");
+  Writes out;
+  std::smatch m;
+  for (const auto& [time, text] : log.timed()) {
+    if (std::regex_match(text, m, outcome)) {
+      out.push_back({std::stoi(m[1]), m[3], 0, m[2] != "Failed to write", false, time});
+    }
+  }
+  return out;
+}
+
+// A row: the call, its own log lines (without "VELMORA: "), the lines it writes in order, its
+// result and its least time (default: the sum of all pauses).
+struct Row {
+  std::string name;
+  std::function<int()> call;
+  Lines logs;
+  Writes writes;
+  int result = 0;
+  double least = -1;
+};
+void PrintTo(const Row& r, std::ostream* out) { *out << r.name; }
+
+template <typename Call, typename... Args>
+std::function<int()> on(int well, Call call, Args... args) {
+  return [=] { return int(call(StationFixture::wells[well], args...)); };
+}
+std::function<int()> with_closed(int uut, std::function<int()> call) {
+  return [=] { return closed({uut}, call); };
+}
+// Status 43: buttons released, plate down, fixture closed.
+std::function<int()> at_43(bool (*query)(FixtureController*)) {
+  return [query] {
+    StationFixture::board(5).script_status({testing_support::status_reply(43)});
+    return int(query(StationFixture::wells[1]));
+  };
+}
+
+struct Calls : StationFixture, ::testing::WithParamInterface<Row> {};
+TEST_P(Calls, Row) {
+  const Row& r = GetParam();
+  double least = 0;
+  Writes outcomes;
+  std::map<int, std::string> wire;
+  for (const auto& w : r.writes) {
+    least += w.pause;
+    if (!w.link) outcomes.push_back(w);
+    if (w.ok) wire[w.uut] += w.command;
+  }
+  if (r.least >= 0) least = r.least;
+  EXPECT_EQ(testing_support::takes(least, least + kSlack, r.call), r.result);
+  const std::string word = r.logs.front().substr(0, r.logs.front().find_first_of(" ,"));
+  Lines own;
+  for (const auto& [time, text] : log.timed("VELMORA: " + word)) own.push_back(text.substr(9));
+  EXPECT_EQ(own, r.logs);
+  const Writes seen = writes(log);
+  EXPECT_EQ(seen, outcomes);
+  for (size_t i = 0; i + 1 < std::min(seen.size(), outcomes.size()); ++i) {
+    EXPECT_GE(seen[i + 1].time - seen[i].time, outcomes[i].pause) << "after write " << i;
+  }
+  expect_wire(wire, 0);
+}
+
+const std::string kLed = "set_led_state for UUT:", kAll = "set_led_state_all for WELL:",
+                  kPower = "set_dut_power with POWER_STATE:",
+                  kPowerAll = "set_dut_power_all with POWER_STATE:";
+const Writes kStatus = seq(5, "~fixture_status 0");
+// clang-format off
+const Row kRows[] = {
+    {"dfu_off", on(0, set_force_dfu, 1, 1), {"set_force_dfu OFF for UUT:1"}, boot("dfu", 1, 0)},
+    {"dfu_on", on(1, set_force_dfu, 0, 3), {"set_force_dfu ON for UUT:7"}, boot("dfu", 7, 1)},
+    {"diags_off", on(1, set_force_diags, 1, 1), {"set_force_diags OFF for UUT:5"},
+     boot("diags", 5, 0)},
+    {"diags_on_any", on(1, set_force_diags, -1, 4), {"set_force_diags ON for UUT:8"},
+     boot("diags", 8, 1)},
+    {"iboot_off", on(0, set_force_iboot, 1, 3), {"set_force_iboot OFF for UUT:3"},
+     boot("iboot", 3, 0)},
+    {"iboot_on", on(1, set_force_iboot, 0, 2), {"set_force_iboot ON for UUT:6"},
+     boot("iboot", 6, 1)},
+    {"power_off", on(1, set_dut_power, 1, 2), {kPower + "1 for UUT:6"}, power_one(6, false)},
+    {"power_on_any", on(1, set_dut_power, 2, 3), {kPower + "2 for UUT:7"}, power_one(7, true)},
+    {"usb_power_off", on(0, set_usb_power, 1, 2), {"set_usb_power, UUT2"}, seq(2, "vusb_off 0")},
+    {"usb_power_on", on(1, set_usb_power, 2, 1), {"set_usb_power, UUT5"}, seq(5, "vusb_on 0")},
+    {"battery_off", on(1, set_battery_power, 1, 4), {"set_battery_power, UUT:8"},
+     seq(8, "vbatt_off 0")},
+    {"battery_on", on(0, set_battery_power, -1, 3), {"set_battery_power, UUT:3"},
+     seq(3, "vbatt_on 0")},
+    {"all_off", on(1, set_dut_power_all, 1), {kPowerAll + "1 for WELL:2"},
+     four(5, "OFF", power_all)},
+    {"all_on", on(1, set_dut_power_all, 0), {kPowerAll + "0 for WELL:2"}, four(5, "ON", power_all)},
+    {"all_off_well1", on(0, set_dut_power_all, 1), {kPowerAll + "1 for WELL:1"},
+     seq(1, "vusb_off S") + power_all(1, "!batt_supercap_disconn"), -1},
+    {"all_on_well1", on(0, set_dut_power_all, 2), {kPowerAll + "2 for WELL:1"},
+     seq(1, kPowerOn + " S") + power_all(1, "!batt_supercap_conn"), -1},
+    // OFF and INPROGRESS act on the well's run LED, through the well's first port.
+    {"led_off", on(1, set_led_state, 0, 3), {kLed + "7", kLed + "7, OFF"},
+     seq(5, "~run_led_off 0")},
+    {"led_pass", on(1, set_led_state, 1, 4), {kLed + "8", kLed + "8, PASS"},
+     seq(8, "fail_led_off 0, pass_led_on 0")},
+    {"led_fail", on(0, set_led_state, 2, 4), {kLed + "4", kLed + "4, FAIL"},
+     seq(4, "pass_led_off 0, fail_led_on 0")},
+    {"led_inprogress", on(0, set_led_state, 3, 1), {kLed + "1", kLed + "1, INPROGRESS"},
+     seq(1, "~run_led_on 0")},
+    {"led_other_state", on(1, set_led_state, -1, 3), {kLed + "7"}, {}},
+    {"led_all_pass", on(1, set_led_state_all, 1), {kAll + "2"}, four(5, "pass_led_on S")},
+    // Every state but OFF, PASS and INPROGRESS lights the fail LEDs.
+    {"led_all_other", on(0, set_led_state_all, 5), {kAll + "1"}, four(1, "fail_led_on S")},
+    {"led_all_off", on(0, set_led_state_all, 0), {kAll + "1", kAll + "1, OFF"},
+     seq(1, "~run_led_off 0")},
+    {"led_all_inprogress", on(1, set_led_state_all, 3), {kAll + "2", kAll + "2, INPROGRESS"},
+     seq(5, "~run_led_on 0")},
+    {"reset", on(1, reset), {"resetting controller INDEX:1"}, four(5, "dfu_reset S")},
+    {"engage", on(0, fixture_engage), {"fixture_engage, WELL:1"}, four(1, "~pne_down S")},
+    {"disengage", on(1, fixture_disengage), {"fixture_disengage, WELL:2"}, four(5, "~pne_up S")},
+    {"close", on(0, fixture_close), {"fixture_close, WELL:1"}, four(1, "~pne_in S")},
+    // The well's UUTs reset, 1.0 s, then the tray out on each of its ports.
+    {"open", on(1, fixture_open), {"fixture_open, WELL:2"},
+     four(5, "dfu_reset S") + four(5, "~pne_out S"), 0, 1.0 + 8 * S},
+    {"is_engaged", at_43(is_fixture_engaged), {"is_fixture_engage for WELL:2"}, kStatus, 1, 0.31},
+    {"is_disengaged", at_43(is_fixture_disengaged), {"is_fixture_disengage for WELL:2"},
+     kStatus, 0, 0.31},
+    {"is_closed", at_43(is_fixture_closed), {"is_fixture_closed for WELL:2"}, kStatus, 1, 0.31},
+    {"is_open", at_43(is_fixture_open), {"is_fixture_opened for WELL:2"}, kStatus, 0, 0.31},
+    // Site 2's port closed: a sequence stops at its first failed write, the LEDs of the well at
+    // theirs; press moves never report a failed site.
+    {"dfu_closed_site", with_closed(1, on(0, set_force_dfu, 0, 2)), {"set_force_dfu ON for UUT:2"},
+     seq(2, "!vusb_off 0"), -1},
+    {"led_all_closed_site", with_closed(1, on(0, set_led_state_all, 1)), {kAll + "1"},
+     seq(1, "pass_led_on S") + seq(2, "!pass_led_on 0"), -1, 2 * S},
+    {"engage_closed_site", with_closed(1, on(0, fixture_engage)), {"fixture_engage, WELL:1"},
+     seq(1, "~pne_down S") + seq(3, "~pne_down S") + seq(4, "~pne_down S"), 0, 4 * S},
+};
+// clang-format on
+INSTANTIATE_TEST_SUITE_P(Sequences, Calls, ::testing::ValuesIn(kRows),
+                         [](const auto& info) { return info.param.name; });
+
+// Init with the second UUT's port closed: it stops at that UUT's LEDs after its full pauses.
+TEST_F(StationFixture, AFailedSiteStopsInitAtItsLeds) {
+  EXPECT_EQ(testing_support::takes(5.0, 5.0 + kSlack,
+                                   [] { return closed({1}, [] { return init(wells[0]); }); }),
+            -1);
+  const auto logged = log.syslog();
+  EXPECT_EQ(logged.front(), "VELMORA: initialising controller INDEX:0");
+  EXPECT_EQ(logged.back(), "VELMORA: SOC_PassLed, UUT:2, Failed to write vel_pass_led_off\n");
+  // The first UUT's LEDs go off, the second's pass LED fails, the later UUTs' stay untouched.
+  const std::string press = "vel_dfu_reset\nvel_pne_up\nvel_pne_out\n";
+  expect_wire({{1, press + "vel_pass_led_off\nvel_fail_led_off\n"}, {3, press}, {4, press}});
+  // 3.0 s after the reset the press goes up, 2.0 s later the tray out (0.01 s before each line).
+  const auto reset = log.timed("VELMORA: SOC_Reset, UUT:");
+  const auto up = log.timed("VELMORA: Successfully sent vel_pne_up");
+  const auto out = log.timed("VELMORA: Successfully sent vel_pne_out");
+  ASSERT_FALSE(reset.empty() || up.empty() || out.empty());
+  EXPECT_GE(up.front().first - reset.back().first, 3.0 + S);
+  EXPECT_GE(out.front().first - up.back().first, 2.0 + S);
+}
+
+// The handle calls below touch no board and no signal flag.
+struct Handle : StationFixture {
   void TearDown() override {
-    for (uint16_t word :
-         {action_usb_signal, action_usb_power, action_uart_signal, action_battery_power,
-          action_force_dfu, action_apple_id, action_conn_det_grounded, action_hi5_bs_grounded,
-          action_conn_acc_apple_id}) {
-      EXPECT_EQ(word, 0);
-    }
-    for (sim::Board* board : fixture->boards().all()) {
-      EXPECT_EQ(board->received(), "") << board->site();
-    }
+    EXPECT_EQ(action_usb_signal | action_usb_power | action_uart_signal | action_battery_power |
+                  action_force_dfu | action_apple_id | action_conn_det_grounded |
+                  action_hi5_bs_grounded | action_conn_acc_apple_id,
+              0);
+    expect_wire({}, 0);
   }
-
-  static inline sim::Fixture* fixture;
-  testing_support::LogCapture log;
 };
 
-TEST_F(Controller, CreateRecordsTheStationAndRelease) {
+TEST_F(Handle, CreateRecordsTheStationAndRelease) {
   dioOn1 = dioOn2 = true;  // the station start clears both before they are read
   FixtureController* h = create_fixture_controller(7);
   ASSERT_NE(h, nullptr);
   EXPECT_EQ(log.syslog().front(), "VELMORA: create_fixture_controller, index is 7");
-  EXPECT_EQ(g_WellNumber, 2u);
-  EXPECT_EQ(h->index, 7);
-  EXPECT_EQ(h->siteCount, 8);
-  EXPECT_EQ(h->wellCount, 2);
-  EXPECT_EQ(h->boardCode, 4);
+  EXPECT_EQ(
+      (std::vector<int>{h->index, h->siteCount, h->wellCount, h->boardCode, int(g_WellNumber)}),
+      (std::vector<int>{7, 8, 2, 4, 2}));
   log.clear();
   EXPECT_EQ(get_actuator_count(h), 2);
   EXPECT_EQ(get_site_count(h), 8);
@@ -67,31 +286,30 @@ TEST_F(Controller, CreateRecordsTheStationAndRelease) {
                                  "VELMORA: release_fixture_controller INDEX:7"}));
 }
 
-TEST_F(Controller, IdentityTexts) {
+TEST_F(Handle, IdentityTexts) {
   FixtureController h{0, 8, 2, 4};
   EXPECT_STREQ(get_vendor(), "Velmora Technologies");
   EXPECT_STREQ(get_version(&h), "0.9");
-  EXPECT_EQ(log.syslog(), (Lines{"VELMORA: get_vendor, returning Velmora Technologies",
-                                 "VELMORA: get_version, returning 0.9"}));
-  log.clear();
   for (auto [status, text] :
        {std::pair{0, "SUCCESS"}, {-1, "FAILURE"}, {1, "UNKNOWN"}, {-2, "UNKNOWN"}}) {
     EXPECT_STREQ(get_error_message(status), text) << status;
   }
-  EXPECT_TRUE(log.syslog().empty());
+  EXPECT_EQ(log.syslog(), (Lines{"VELMORA: get_vendor, returning Velmora Technologies",
+                                 "VELMORA: get_version, returning 0.9"}));
 }
 
-TEST_F(Controller, SerialNumberFileBesideTheExecutable) {
+TEST_F(Handle, SerialNumberFileBesideTheExecutable) {
   const std::filesystem::path dir = std::filesystem::read_symlink("/proc/self/exe").parent_path();
   const std::string file = (dir / "FixtureSerialNumber.txt").string();
   FixtureController h{1, 8, 2, 4};
   // File content (nullptr: no file), then the answer. Blanks only are an empty serial number.
-  for (auto [content, expected] : {std::pair{"  \tVEL-FX-0042 \r\n", "VEL-FX-0042"},
-                                   {"SN 12\n\n", "SN 12"},
-                                   {" \n\t ", ""},
-                                   {"", "UNKNOWN"},
-                                   {"VEL\xC3\xA9", "UNKNOWN"},
-                                   {nullptr, "UNKNOWN"}}) {
+  const std::pair<const char*, const char*> files[] = {{"  \tVEL-FX-0042 \r\n", "VEL-FX-0042"},
+                                                       {"SN 12\n\n", "SN 12"},
+                                                       {" \n\t ", ""},
+                                                       {"", "UNKNOWN"},
+                                                       {"VEL\xC3\xA9", "UNKNOWN"},
+                                                       {nullptr, "UNKNOWN"}};
+  for (const auto& [content, expected] : files) {
     std::remove(file.c_str());
     if (content) std::ofstream(file, std::ios::binary) << content;
     log.clear();
@@ -104,123 +322,98 @@ TEST_F(Controller, SerialNumberFileBesideTheExecutable) {
   std::remove(file.c_str());
 }
 
-TEST_F(Controller, SitesOfEachWell) {
-  struct {
-    int index, site, uut, actuator;
-  } const rows[] = {{0, 1, 1, 0}, {1, 1, 5, 1}, {7, 1, 1, 0}, {0, 4, 4, 0},
-                    {0, 5, 5, 1}, {7, 8, 8, 1}, {1, 5, 9, -1}};
-  for (const auto& r : rows) {
-    const std::string uut = "UUT:" + std::to_string(r.uut);
-    SCOPED_TRACE(uut);
-    FixtureController h{r.index, 8, 2, 4};
+TEST_F(Handle, SitesOfEachWell) {
+  // Handle index, site, UUT, actuator.
+  const int rows[][4] = {{0, 1, 1, 0}, {1, 1, 5, 1}, {7, 1, 1, 0}, {0, 4, 4, 0},
+                         {0, 5, 5, 1}, {7, 8, 8, 1}, {1, 5, 9, -1}};
+  for (const auto& [index, site, uut, actuator] : rows) {
+    const std::string at = "UUT:" + std::to_string(uut);
+    FixtureController h{index, 8, 2, 4};
     log.clear();
-    EXPECT_EQ(get_uart_path(&h, r.site), "/dev/cu.usbserial-RT00000" + std::to_string(r.uut));
-    EXPECT_EQ(actuator_for_site(&h, r.site), r.actuator);
-    EXPECT_EQ(log.syslog(), (Lines{"VELMORA: actuator_for_site for " + uut,
-                                   "VELMORA: actuator_for_site for " + uut + ", returning " +
-                                       std::to_string(r.actuator)}));
+    EXPECT_EQ(get_uart_path(&h, site), "/dev/cu.usbserial-RT00000" + std::to_string(uut));
+    EXPECT_EQ(actuator_for_site(&h, site), actuator);
+    EXPECT_EQ(log.syslog(), (Lines{"VELMORA: actuator_for_site for " + at,
+                                   "VELMORA: actuator_for_site for " + at + ", returning " +
+                                       std::to_string(actuator)}));
   }
   FixtureController second{1, 8, 2, 4};
-  USBLocation[5] = "0x1220000";
+  const char* const saved = std::exchange(USBLocation[5], "0x1220000");
+  const char* const unfilled = std::exchange(USBLocation[6], nullptr);
   log.clear();
   EXPECT_STREQ(get_usb_location(&second, 2), "0x1220000");
-  EXPECT_EQ(get_usb_location(&second, 3), nullptr);     // an unfilled slot
+  EXPECT_EQ(get_usb_location(&second, 3), nullptr);
   EXPECT_STREQ(get_usb_location(&second, 5), "error");  // beyond the table, not read past it
   EXPECT_EQ(log.syslog(), (Lines{"VELMORA: get_usb_location for UUT:5 is 0x1220000",
                                  "VELMORA: get_usb_location for UUT:6 is (null)"}));
-  USBLocation[5] = nullptr;
+  USBLocation[5] = saved;
+  USBLocation[6] = unfilled;
 }
 
-// A handle call, given `site` for each of its number arguments, with its answer as text.
-using Call = std::function<std::string(FixtureController*, int site)>;
-template <typename R, typename... Numbers>
-Call text_of(R (*call)(FixtureController*, Numbers...)) {
-  return [call](FixtureController* h, int site) -> std::string {
-    if constexpr (std::is_void_v<R>) {
-      call(h, Numbers(site)...);
-      return "nothing";
-    } else {
-      const R answer = call(h, Numbers(site)...);
-      if constexpr (std::is_same_v<R, bool>) return answer ? "true" : "false";
-      if constexpr (std::is_pointer_v<R>) return answer ? answer : "NULL";
-      if constexpr (std::is_same_v<R, int>) return std::to_string(answer);
-    }
-  };
-}
-
-struct Row {
-  std::string name;
-  Call call;
-  std::string null;  // the answer to a null handle
-  Lines log = {};    // what that logs
-};
-void PrintTo(const Row& r, std::ostream* out) { *out << r.name; }
-
-// Every handle call in the header's order and grouping, with the answer the header gives it for
-// a null handle.
-#define ROW(call, ...) \
-  Row { #call, text_of(call), __VA_ARGS__ }
-// clang-format off
-const Row kCalls[] = {
-    ROW(release_fixture_controller, "nothing"), ROW(get_serial_number, "UNKNOWN"),
-    ROW(get_version, "UNKNOWN", {"VELMORA: get_version, returning UNKNOWN"}),
-    ROW(get_site_count, "-1"), ROW(get_actuator_count, "-1"), ROW(get_usb_location, "error"),
-    ROW(get_uart_path, "error"), ROW(actuator_for_site, "-1"),
-    ROW(init, "-1", {"VELMORA: init..., invalid controller."}), ROW(reset, "-1"),
-    ROW(fixture_engage, "-1"), ROW(fixture_disengage, "-1"), ROW(fixture_close, "-1"),
-    ROW(fixture_open, "-1"), ROW(is_fixture_engaged, "false"), ROW(is_fixture_disengaged, "false"),
-    ROW(is_fixture_closed, "false"), ROW(is_fixture_open, "false"), ROW(set_led_state, "-1"),
-    ROW(set_led_state_all, "-1"), ROW(set_usb_power, "-1"), ROW(set_battery_power, "-1"),
-    ROW(set_force_dfu, "-1"), ROW(set_force_diags, "-1"), ROW(set_force_iboot, "-1"),
-    ROW(set_dut_power, "-1"), ROW(set_dut_power_all, "-1"),
-    // The signal calls: with a handle they log the UUT and succeed.
-    ROW(set_conn_acc_apple_id, "-1"), ROW(set_usb_signal, "-1"), ROW(set_uart_signal, "-1"),
-    ROW(set_apple_id, "-1"), ROW(set_conn_det_grounded, "-1"), ROW(set_hi5_bs_grounded, "-1"),
-    ROW(usb_power, "-1"), ROW(battery_power, "-1"), ROW(force_dfu, "-1"), ROW(usb_signal, "-1"),
-    ROW(uart_signal, "-1"), ROW(apple_id, "-1"), ROW(conn_det_grounded, "-1"),
-    ROW(hi5_bs_grounded, "-1"), ROW(dut_power, "-1"), ROW(is_board_detected, "false"),
-};
-// clang-format on
-#undef ROW
-
-struct NullHandle : Controller, ::testing::WithParamInterface<Row> {};
-TEST_P(NullHandle, Answers) {
-  EXPECT_EQ(GetParam().call(nullptr, 1), GetParam().null);
-  EXPECT_EQ(log.syslog(), GetParam().log);
-}
-INSTANTIATE_TEST_SUITE_P(Calls, NullHandle, ::testing::ValuesIn(kCalls),
-                         [](const auto& info) { return info.param.name; });
-
-TEST_F(Controller, SignalCallsLogAndSucceed) {
-  FixtureController first{0, 8, 2, 4}, second{1, 8, 2, 4};
-  Lines want;
-  for (auto r = std::find_if(std::begin(kCalls), std::end(kCalls),
-                             [](const Row& r) { return r.name == "set_conn_acc_apple_id"; });
-       r != std::end(kCalls); ++r) {
-    const std::string ok = r->name == "is_board_detected" ? "true" : "0";
-    EXPECT_EQ(r->call(&second, 2), ok) << r->name;
-    EXPECT_EQ(r->call(&first, 0), ok) << r->name;  // site 0 too: nothing is reached
-    want.push_back("VELMORA: " + r->name + " for UUT:6");
-    want.push_back("VELMORA: " + r->name + " for UUT:0");
+#define NAMED(call) std::pair<const char*, decltype(&call)>(#call, &call)
+// A null handle: every call answers as the header says; only get_version and init log.
+TEST_F(Handle, NullHandleAnswers) {
+  release_fixture_controller(nullptr);
+  EXPECT_STREQ(get_serial_number(nullptr), "UNKNOWN");
+  EXPECT_STREQ(get_version(nullptr), "UNKNOWN");
+  EXPECT_STREQ(get_usb_location(nullptr, 1), "error");
+  EXPECT_STREQ(get_uart_path(nullptr, 1), "error");
+  EXPECT_EQ(actuator_for_site(nullptr, 1), -1);
+  for (auto [name, call] : {NAMED(get_site_count), NAMED(get_actuator_count), NAMED(init),
+                            NAMED(reset), NAMED(fixture_engage), NAMED(fixture_disengage),
+                            NAMED(fixture_close), NAMED(fixture_open)}) {
+    EXPECT_EQ(call(nullptr), -1) << name;
   }
+  for (auto [name, call] : {NAMED(is_fixture_engaged), NAMED(is_fixture_disengaged),
+                            NAMED(is_fixture_closed), NAMED(is_fixture_open)}) {
+    EXPECT_FALSE(call(nullptr)) << name;
+  }
+  EXPECT_EQ(set_led_state_all(nullptr, 1), -1);
+  EXPECT_EQ(set_dut_power_all(nullptr, 1), -1);
+  for (auto [name, call] :
+       {NAMED(set_led_state), NAMED(set_usb_power), NAMED(set_battery_power), NAMED(set_force_dfu),
+        NAMED(set_force_diags), NAMED(set_force_iboot), NAMED(set_dut_power)}) {
+    EXPECT_EQ(call(nullptr, 1, 1), -1) << name;
+  }
+  EXPECT_EQ(log.syslog(), (Lines{"VELMORA: get_version, returning UNKNOWN",
+                                 "VELMORA: init..., invalid controller."}));
+}
+
+// The signal calls fail for a null handle; with a handle they log the UUT and succeed, for
+// site 0 too: nothing is reached.
+TEST_F(Handle, SignalCallsLogAndSucceed) {
+  Lines want;
+  const auto check = [&](const std::string& name, auto call) {
+    EXPECT_EQ(call(nullptr, 2), -1) << name;
+    EXPECT_EQ(call(wells[1], 2), 0) << name;
+    EXPECT_EQ(call(wells[0], 0), 0) << name;
+    want.insert(want.end(), {"VELMORA: " + name + " for UUT:6", "VELMORA: " + name + " for UUT:0"});
+  };
+  for (auto [name, call] :
+       {NAMED(set_conn_acc_apple_id), NAMED(set_usb_signal), NAMED(set_uart_signal),
+        NAMED(set_apple_id), NAMED(set_conn_det_grounded), NAMED(set_hi5_bs_grounded)}) {
+    check(name, [call](FixtureController* h, int site) { return call(h, 1, site); });
+  }
+  for (auto [name, call] : {NAMED(usb_power), NAMED(battery_power), NAMED(force_dfu),
+                            NAMED(usb_signal), NAMED(uart_signal), NAMED(apple_id),
+                            NAMED(conn_det_grounded), NAMED(hi5_bs_grounded), NAMED(dut_power)}) {
+    check(name, call);
+  }
+  check("is_board_detected",
+        [](FixtureController* h, int site) { return is_board_detected(h, site) ? 0 : -1; });
   EXPECT_EQ(log.syslog(), want);
 }
+#undef NAMED
 
-TEST_F(Controller, PneumaticValveCallsPassTheWellOn) {
+TEST_F(StationFixture, PneumaticValveCallsPassTheWellOn) {
   // 011000: both buttons held, plate down, fixture open: the press cycle finishes at once.
-  fixture->boards().site(1).script_status({"vel_fixture_status=011000 l_sw\n"});
+  board(1).script_status({"vel_fixture_status=011000 l_sw\n"});
   EXPECT_TRUE(PneumaticValveOn(0, 1.0f));
   EXPECT_TRUE(PneumaticValveAutoOn(1, 2.5f));
-  for (const char* line :
-       {"VELMORA: PneumaticValveOn, WELL:1", "VELMORA: SOC_PneumaticValveOn WELL:1",
-        "VELMORA: PneumaticValveAutoOn, WELL:2", "VELMORA: SOC_PneumaticValveAutoOn WELL:2"}) {
-    EXPECT_TRUE(log.has(line)) << line;
-  }
-  fixture->boards().site(1).set_responder(nullptr);
-  // The press lines belong to the station layer; let them all arrive, then forget them.
-  fixture->boards().site(1).wait_lines(2, 1.0);
-  fixture->boards().site(5).wait_lines(3, 1.0);
-  for (sim::Board* board : fixture->boards().all()) board->clear();
+  EXPECT_TRUE(log.has("VELMORA: PneumaticValveOn, WELL:1"));
+  EXPECT_TRUE(log.has("VELMORA: PneumaticValveAutoOn, WELL:2"));
+  // The press lines belong to the station layer; let them all arrive before the next test.
+  board(1).wait_lines(2, 1.0);
+  board(5).wait_lines(3, 1.0);
 }
 
 }  // namespace

@@ -139,15 +139,13 @@ TEST_F(Link, OpensRaw115200NonBlockingAndReopenClearsArea) {
 TEST_F(Link, WriteSendsExactBytesAndClearsTheArea) {
   // Every write clears the area first: one with nothing to send succeeds, one to a closed port
   // fails.
-  for (auto [uut, text, sent] : {std::tuple{2, "vel_vusb_on\n", true},
-                                 {2, "", true},
-                                 {2, "vel_vusb_off\n", true},
-                                 {0, "vel_vusb_on\n", false}}) {
+  // clang-format off
+  for (auto [uut, text, sent] : {std::tuple{2, "vel_vusb_on\n", true}, {2, "", true},
+                                 {2, "vel_vusb_off\n", true}, {0, "vel_vusb_on\n", false}}) {
+    // clang-format on
     std::strcpy(DIORS232Buff[uut], "stale reply");
-    EXPECT_EQ(closed({uut == 0 ? 0 : 7},
-                     [&] { return DIORS232Write(uut, text, int(std::strlen(text))); }),
-              sent)
-        << text;
+    const auto write = [&] { return DIORS232Write(uut, text, int(std::strlen(text))); };
+    EXPECT_EQ(closed({uut == 0 ? 0 : 7}, write), sent) << text;
     EXPECT_STREQ(DIORS232Buff[uut], "");
   }
   std::strcpy(DIORS232Buff[7], "untouched");

@@ -89,13 +89,11 @@ TEST(Fixturectl, BadArgumentsExitTwoBeforeTheStationStarts) {
   for (auto [argv, message] : cases) {
     argv.insert(argv.begin(), kCtl);
     const auto ran = run(argv);
-    EXPECT_EQ(ran.status, 2) << message;
-    EXPECT_EQ(ran.out, "");
-    EXPECT_EQ(ran.err.rfind(message, 0), 0u) << ran.err;
+    EXPECT_EQ(std::tuple(ran.status, ran.out, ran.err.substr(0, message.size())),
+              std::tuple(2, "", message));
     argv.insert(argv.begin() + 1, "--json");
     const auto json = run(argv);
-    EXPECT_EQ(json.status, 2) << message;
-    EXPECT_EQ(schema_errors(json.out), "");
+    EXPECT_EQ(std::pair(json.status, schema_errors(json.out)), std::pair(2, std::string()));
     EXPECT_TRUE(has(ran.err, ": " + Json::parse(json.out)["error"].get<std::string>() + "\n"));
   }
   EXPECT_EQ(run({kCtl, "--version"}).out, "fixturectl 4.1.0\n");

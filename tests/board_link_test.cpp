@@ -82,16 +82,12 @@ INSTANTIATE_TEST_SUITE_P(Rows, LinkRows, ::testing::Values(
     Lines{sent("Successfully sent", "up", 2, 5), sent("Failed to send", "up", 2, 6),
           sent("Successfully sent", "up", 2, 7), sent("Successfully sent", "up", 2, 8)}},
   in_and_out(),
-  // The status query reads the reply during its 0.3 s wait.
-  Transcript{"Query_well_1", [] {
-      Link::board(1).script_status({"vel_fixture_status=101011 l_sw\n"});
-      return queryFixtureStatusForWell1(0); }, 43, {{1, kQuery, 0.3}},
-    Lines{"VELMORA: queryFixtureStatusForWell1, query fixture 1 with vel_fixture_status\n",
-          "VELMORA: queryFixtureStatusForWell1 UUT:1, result:43"}, -1, 0.45},
+  // The status query reads the reply during its 0.3 s wait, however it comes. (The first well's
+  // query log is the press suite's.)
   Transcript{"Query_split_reply", [] {
       answer_later(0, "vel_fixture_status=10", "0100 l_sw\n");
       return queryFixtureStatusForWell2(4); }, 36, {{5, kQuery, 0.3}},
-    Lines{"VELMORA: queryFixtureStatusForWell2 UUT:5, result:36"}},
+    Lines{"VELMORA: queryFixtureStatusForWell2 UUT:5, result:36"}, -1, 0.45},
   // A reply after the wait is not taken for the next query's answer either.
   Transcript{"Query_late_reply", [] {
       answer_later(0.4, "vel_fixture_status=000000 l_sw\n", "");

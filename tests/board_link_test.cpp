@@ -50,19 +50,6 @@ std::string sent(const char* verb, const char* move, int well, int uut) {
          "\n for WELL:" + std::to_string(well) + ", UUT:" + std::to_string(uut);
 }
 
-// A tray move in and out of the first well: 0.01 s before each line. (Which sites a well number
-// reaches is the well-rule table's.)
-Transcript in_and_out() {
-  Transcript t{"InOut", [] { return fixtureIn(0), fixtureOut(0), 0; }, 0, {}, Lines{}};
-  for (const char* move : {"in", "out"}) {
-    for (int uut = 1; uut <= 4; ++uut) {
-      t.wire.push_back({uut, std::string("vel_pne_") + move + "\n", 0.01});
-      t.log->push_back(sent("Successfully sent", move, 1, uut));
-    }
-  }
-  return t;
-}
-
 struct LinkRows : Link, ::testing::WithParamInterface<Transcript> {};
 TEST_P(LinkRows, Transcript) { run(GetParam()); }
 
@@ -81,7 +68,14 @@ INSTANTIATE_TEST_SUITE_P(Rows, LinkRows, ::testing::Values(
     {{5, "vel_pne_up\n", 0.01}, {7, "vel_pne_up\n", 0.02}, {8, "vel_pne_up\n", 0.01}},
     Lines{sent("Successfully sent", "up", 2, 5), sent("Failed to send", "up", 2, 6),
           sent("Successfully sent", "up", 2, 7), sent("Successfully sent", "up", 2, 8)}},
-  in_and_out(),
+  // A tray move in and out of the first well. (Which sites a well number reaches is the well-rule table's.)
+  Transcript{"InOut", [] { return fixtureIn(0), fixtureOut(0), 0; }, 0,
+    {{1, "vel_pne_in\n", 0.01}, {2, "vel_pne_in\n", 0.01}, {3, "vel_pne_in\n", 0.01}, {4, "vel_pne_in\n", 0.01},
+     {1, "vel_pne_out\n", 0.01}, {2, "vel_pne_out\n", 0.01}, {3, "vel_pne_out\n", 0.01}, {4, "vel_pne_out\n", 0.01}},
+    Lines{sent("Successfully sent", "in", 1, 1), sent("Successfully sent", "in", 1, 2),
+          sent("Successfully sent", "in", 1, 3), sent("Successfully sent", "in", 1, 4),
+          sent("Successfully sent", "out", 1, 1), sent("Successfully sent", "out", 1, 2),
+          sent("Successfully sent", "out", 1, 3), sent("Successfully sent", "out", 1, 4)}},
   // The status query reads the reply during its 0.3 s wait, however it comes. (The first well's
   // query log is the press suite's.)
   Transcript{"Query_split_reply", [] {

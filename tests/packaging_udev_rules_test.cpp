@@ -8,6 +8,7 @@
 #include <map>
 #include <regex>
 #include <sstream>
+#include <tuple>
 
 namespace {
 
@@ -15,9 +16,8 @@ using Device = std::map<std::string, std::string>;
 
 bool any_matches(const std::string& patterns, const std::string& value) {
   std::istringstream alternatives(patterns);
-  for (std::string p; std::getline(alternatives, p, '|');) {
+  for (std::string p; std::getline(alternatives, p, '|');)
     if (fnmatch(p.c_str(), value.c_str(), 0) == 0) return true;
-  }
   return false;
 }
 
@@ -31,18 +31,15 @@ std::string apply(Device dev) {
     for (std::string line; std::getline(in, line);) {
       std::vector<std::smatch> keys(std::sregex_iterator(line.begin(), line.end(), key), {});
       bool match = true;
-      for (const auto& k : keys) {
+      for (const auto& k : keys)
         if (k[3] == "==" || k[3] == "!=") match &= any_matches(k[4], dev[k[1]]) == (k[3] == "==");
-      }
-      if (keys.empty() || (!label.empty() && (keys[0][1] != "LABEL" || keys[0][4] != label))) {
+      if (keys.empty() || (!label.empty() && (keys[0][1] != "LABEL" || keys[0][4] != label)))
         continue;
-      }
       label.clear();
       for (const auto& k : keys) {
         std::string value = k[4];
-        for (std::smatch m; std::regex_search(value, m, std::regex(R"(\$env\{(\w+)\})"));) {
+        for (std::smatch m; std::regex_search(value, m, std::regex(R"(\$env\{(\w+)\})"));)
           value = m.prefix().str() + dev["ENV{" + m[1].str() + "}"] + m.suffix().str();
-        }
         if (!match || k[3] == "==" || k[3] == "!=") continue;
         const std::string name = k[1];
         if (name.rfind("ENV{", 0) == 0) dev[name] = value;
@@ -50,61 +47,45 @@ std::string apply(Device dev) {
         if (name == "MODE") mode = value;
         if (name == "SYMLINK") links += " " + value;
         if (name == "GOTO") label = value;
-        if (name == "IMPORT{builtin}" && value == "usb_id") {
-          for (const char* p : {"ID_SERIAL_SHORT", "ID_USB_INTERFACE_NUM"}) {
-            dev[std::string("ENV{") + p + "}"] = dev[std::string("usb_id:") + p];
-          }
-        }
+        if (name == "IMPORT{builtin}" && value == "usb_id")
+          for (std::string p : {"ID_SERIAL_SHORT", "ID_USB_INTERFACE_NUM"})
+            dev["ENV{" + p + "}"] = dev["usb_id:" + p];
       }
     }
   }
   return group + " " + mode + (dev["ENV{ID_MM_DEVICE_IGNORE}"] == "1" ? " mm" : "") + links;
 }
 
+// clang-format off
 // A USB device (no kernel name) or one of its ttys, as udev sees them: attributes, usb_id's keys.
 Device device(const char* action, const char* kernel, const std::string& ids, const char* serial,
               const char* interface = "00") {
   const std::string a = *kernel ? "ATTRS{" : "ATTR{";
-  return {{"ACTION", action},
-          {"SUBSYSTEM", *kernel ? "tty" : "usb"},
-          {"KERNEL", kernel},
-          {"ENV{DEVTYPE}", *kernel ? "" : "usb_device"},
-          {a + "idVendor}", ids.substr(0, 4)},
-          {a + "idProduct}", ids.substr(5)},
-          {a + "serial}", serial},
-          {"usb_id:ID_SERIAL_SHORT", serial},
-          {"usb_id:ID_USB_INTERFACE_NUM", interface}};
+  return {{"ACTION", action}, {"SUBSYSTEM", *kernel ? "tty" : "usb"}, {"KERNEL", kernel},
+          {"ENV{DEVTYPE}", *kernel ? "" : "usb_device"}, {a + "idVendor}", ids.substr(0, 4)},
+          {a + "idProduct}", ids.substr(5)}, {a + "serial}", serial},
+          {"usb_id:ID_SERIAL_SHORT", serial}, {"usb_id:ID_USB_INTERFACE_NUM", interface}};
 }
 
 TEST(UdevRules, NameAndOpenTheFixturesDevicesOnlyAndLeaveStrangersAlone) {
-  const struct {
-    const char* what;
-    Device device;
-    std::string expected;
-  } rows[] = {
+  const std::tuple<const char*, Device, std::string> rows[] = {
       {"board", device("add", "", "1fc9:df01", "VEL_03_A"), "brakwell 0660 mm"},
-      {"board port", device("add", "ttyACM2", "1fc9:df01", "VEL_03_A"),
-       "brakwell 0660 mm tty.usbmodemVEL_03_A1"},
-      {"board port, change", device("change", "ttyACM2", "1fc9:df01", "VEL_03_A"),
-       "brakwell 0660 mm tty.usbmodemVEL_03_A1"},
+      {"board port", device("add", "ttyACM2", "1fc9:df01", "VEL_03_A"), "brakwell 0660 mm tty.usbmodemVEL_03_A1"},
+      {"board port, change", device("change", "ttyACM2", "1fc9:df01", "VEL_03_A"), "brakwell 0660 mm tty.usbmodemVEL_03_A1"},
       {"board port, remove", device("remove", "ttyACM2", "1fc9:df01", "VEL_03_A"), " "},
       {"UART bridge", device("add", "", "0403:6001", "RT000001"), "brakwell 0660 mm"},
-      {"UART port", device("add", "ttyUSB0", "0403:6001", "RT000001"),
-       "brakwell 0660 mm cu.usbserial-RT000001"},
-      {"quad bridge, first port", device("add", "ttyUSB4", "0403:6011", "RT000005"),
-       "brakwell 0660 mm cu.usbserial-RT000005"},
-      {"quad bridge, second port", device("add", "ttyUSB5", "0403:6011", "RT000005", "01"),
-       "brakwell 0660 mm"},
+      {"UART port", device("add", "ttyUSB0", "0403:6001", "RT000001"), "brakwell 0660 mm cu.usbserial-RT000001"},
+      {"quad bridge, first port", device("add", "ttyUSB4", "0403:6011", "RT000005"), "brakwell 0660 mm cu.usbserial-RT000005"},
+      {"quad bridge, second port", device("add", "ttyUSB5", "0403:6011", "RT000005", "01"), "brakwell 0660 mm"},
       {"DIO module 1", device("add", "", "0471:df02", ""), "brakwell 0660"},
-      {"uinput",
-       {{"ACTION", "add"}, {"SUBSYSTEM", "misc"}, {"KERNEL", "uinput"}},
-       "brakwell-input 0660"},
+      {"uinput", {{"ACTION", "add"}, {"SUBSYSTEM", "misc"}, {"KERNEL", "uinput"}}, "brakwell-input 0660"},
       {"another FTDI", device("add", "", "0403:6001", "A50285BI"), " "},
       {"another FTDI's port", device("add", "ttyUSB9", "0403:6001", "A50285BI"), " "},
       {"another CDC device", device("add", "", "2341:0043", "7563331"), " "},
       {"another CDC port", device("add", "ttyACM9", "2341:0043", "7563331"), " "},
   };
-  for (const auto& row : rows) EXPECT_EQ(apply(row.device), row.expected) << row.what;
+  // clang-format on
+  for (const auto& [what, dev, expected] : rows) EXPECT_EQ(apply(dev), expected) << what;
   // Every group the rules give is made by sysusers.
   std::ifstream in(std::string(BRAKWELL_SOURCE_DIR) + "/packaging/sysusers.d/brakwell.conf");
   const std::string text((std::istreambuf_iterator<char>(in)), {});

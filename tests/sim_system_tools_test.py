@@ -47,9 +47,6 @@ def test_pyserial_finds_every_port_with_its_usb_identity():
 
 
 @pytest.mark.parametrize("example,options,expected", [
-    ("list_fixture", (), ["Velmora Technologies fixture: 1 well(s), 4 sites",
-                          "site 3  well 1  board /dev/tty.usbmodemVEL_03_A1  "
-                          "console /dev/cu.usbserial-RT000003"]),
     ("power_site", (), ['site 1: unit "iPhone" at 0x1113000',
                         "console /dev/cu.usbserial-RT000001: unit 1 booted in normal mode",
                         "console echo: hello"]),

@@ -1,9 +1,5 @@
 # The example station cycle, run as a station engineer would: inside fixturesim.
-import os
-import re
-import shutil
-import subprocess
-import sys
+import os, re, shutil, subprocess, sys  # noqa: E401
 from pathlib import Path
 
 EXAMPLES = Path(__file__).resolve().parents[1] / "examples"

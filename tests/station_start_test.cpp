@@ -1,6 +1,5 @@
 // Station start and stop against the virtual fixture's USB bus and boards: the well count from
-// the board names, the enumeration order, a second start, the stop sequence and its timing, and
-// the version text.
+// the board names, the enumeration order, a second start, and the stop sequence and its timing.
 
 #include <cstring>
 #include <set>
@@ -57,16 +56,6 @@ class Station : public ::testing::Test {
   std::unique_ptr<Bench> bench;
   testing_support::LogCapture log;
 };
-
-TEST_F(Station, VersionTextNeedsTwentyFiveBytes) {
-  char buffer[32] = "x";
-  EXPECT_FALSE(SOC_LibVersion(buffer, 24) || SOC_LibVersion(nullptr, 25));
-  EXPECT_STREQ(buffer, "x");
-  EXPECT_TRUE(log.syslog().empty());
-  EXPECT_TRUE(SOC_LibVersion(buffer, 25));
-  EXPECT_STREQ(buffer, "Velmora Lumbrix 4.01");
-  EXPECT_EQ(log.syslog(), Lines{"VELMORA: Velmora Lumbrix 4.01"});
-}
 
 // All eight boards is the first start of SecondStartRecountsAndDoneStopsEveryPort.
 TEST_F(Station, WellsCountedFromCompleteSetsOfBoardNames) {

@@ -5,10 +5,10 @@
 
 #include <cmath>
 #include <future>
+#include <thread>
 
 #include "keyboard.h"
 #include "support/station_fixture.h"
-#include "well.h"
 
 namespace {
 
@@ -60,20 +60,31 @@ Lines poll_log(int status, const char* waiting) {
   return out;
 }
 
+// The operator lets go of A while the plate comes down: up, 0.2 s, out, and the cycle starts
+// over until the UUT is in position and both buttons are released.
 TEST_F(Press, CycleThroughEveryStateWithScriptedStatuses) {
-  board(1).script_status(replies({20, 20, 36, -1, 36, 40, 40, 43}));
-  // Eight polls of a query's 0.3 s and the 0.1 s pause, the last one without its pause.
+  board(1).script_status(replies({20, 36, -1, 36, 37, 20, 36, 40, 40, 43}));
+  // Ten polls of a query's 0.3 s and the 0.1 s pause, the last one without its pause.
   EXPECT_TRUE(
-      testing_support::takes(8 * 0.3 + 7 * 0.1, 5, [] { return SOC_PneumaticValveOn(0, 0); }));
-  EXPECT_EQ(wire(1, 12),
-            (Lines{kQuery, "vel_pne_in\n", kQuery, "vel_pne_in\n", kQuery, "vel_pne_down\n", kQuery,
-                   kQuery, kQuery, "vel_run_led_on\n", kQuery, kQuery}));
+      testing_support::takes(10 * 0.3 + 9 * 0.1, 6, [] { return SOC_PneumaticValveOn(0, 0); }));
+  EXPECT_EQ(wire(1, 18),
+            (Lines{kQuery, "vel_pne_in\n", kQuery, "vel_pne_down\n", kQuery, kQuery, kQuery,
+                   "vel_pne_up\n", "vel_pne_out\n", kQuery, "vel_pne_in\n", kQuery,
+                   "vel_pne_down\n", kQuery, "vel_run_led_on\n", kQuery, kQuery}));
+  const auto lines = board(1).lines();
+  EXPECT_GE(lines[8].time - lines[7].time, 0.2 - kReaderJitter);
   const char* down = "Waiting for both button down";
   const char* lowering = "Waiting for UUT in position or any button released";
   const char* released = "Waiting for both buttons released";
   Lines want{"VELMORA: SOC_PneumaticValveOn WELL:1"};
-  for (const auto& [status, waiting] : std::vector<std::pair<int, const char*>>{
-           {20, down}, {20, down}, {36, down}, {-1, ""}, {36, lowering}, {40, lowering}}) {
+  for (const auto& [status, waiting] : std::vector<std::pair<int, const char*>>{{20, down},
+                                                                                {36, down},
+                                                                                {-1, ""},
+                                                                                {36, lowering},
+                                                                                {37, lowering},
+                                                                                {20, down},
+                                                                                {36, down},
+                                                                                {40, lowering}}) {
     for (auto& line : poll_log(status, waiting)) want.push_back(line);
   }
   want.insert(want.end(), {"VELMORA: SOC_PneumaticValveOn WELL:1, UUT in position",
@@ -113,41 +124,6 @@ TEST_F(Press, TimeLimits) {
       EXPECT_LE(polls, 11u);
     }
   }
-}
-
-TEST_F(Press, OperatorLetsGoWhileLoweringThenCompletesTheCycle) {
-  g_WellNumber = 1;  // no well label
-  sim::WellOptions options;
-  options.pressTravel = 0.6;
-  options.trayTravel = 0.2;
-  sim::Well well(*bed, *boards, 1, options);
-  well.press(sim::BothButtons);
-  auto cycle = std::async(std::launch::async, [] { return SOC_PneumaticValveOn(0, 0); });
-  // The operator: lets go of A as soon as the plate moves, takes it again once the press is
-  // back up and out, and lets go of both once the plate is down with the run LED lit.
-  ASSERT_TRUE(well.wait_for([&] { return well.plate() > 0.05; }, 5));
-  well.release(sim::ButtonA);
-  ASSERT_TRUE(well.wait_for([&] { return well.plate() == 0 && well.tray() == 0; }, 5));
-  well.press(sim::ButtonA);
-  ASSERT_TRUE(well.wait_for([&] { return well.plate() == 1 && well.run_led(); }, 10));
-  EXPECT_EQ(well.tray(), 1);
-  well.release(sim::BothButtons);
-  ASSERT_EQ(cycle.wait_for(std::chrono::seconds(5)), std::future_status::ready);
-  EXPECT_TRUE(cycle.get());
-  Lines moves;
-  for (const auto& line : wire(1)) {
-    if (line != kQuery) moves.push_back(line);
-  }
-  EXPECT_EQ(moves, (Lines{"vel_pne_in\n", "vel_pne_down\n", "vel_pne_up\n", "vel_pne_out\n",
-                          "vel_pne_in\n", "vel_pne_down\n", "vel_run_led_on\n"}));
-  // 0.2 s between sending the plate back up and the tray out.
-  double up = 0, out = 0;
-  for (const auto& line : board(1).lines()) {
-    if (line.text == "vel_pne_up\n") up = line.time;
-    if (line.text == "vel_pne_out\n" && out == 0) out = line.time;
-  }
-  EXPECT_GE(out - up, 0.2 - kReaderJitter);
-  EXPECT_EQ(well.status(), 43);
 }
 
 struct PressRows : Press, ::testing::WithParamInterface<Transcript> {};
@@ -238,39 +214,45 @@ TEST_F(Press, StatusTestTruthTables) {
   }
 }
 
+// The chords posted since the last clear, each event followed by a report; a chord reads
+// "CvAvZvZ^C^A^": Control, Alt and the letter down, the letter, Control and Alt up.
+std::string chords() {
+  const std::map<int, char> name = {
+      {KEY_LEFTCTRL, 'C'}, {KEY_LEFTALT, 'A'}, {KEY_Z, 'Z'}, {KEY_Y, 'Y'}};
+  const auto events = Press::keyboard->events();
+  std::string out;
+  for (size_t i = 0; i < events.size(); i += 2) {
+    EXPECT_EQ(events.at(i + 1), (sim::KeyEvent{0, EV_SYN, SYN_REPORT, 0})) << i;
+    out += {name.at(events[i].code), events[i].value ? 'v' : '^'};
+  }
+  return out;
+}
+
 TEST_F(Press, RunPostsItsWellsChordOncePerCall) {
-  // Ctrl, Alt and the key down, the key, Ctrl and Alt up: each event followed by a report.
-  const auto chord = [](int key) {
-    std::vector<sim::KeyEvent> out;
-    const std::pair<int, int> order[] = {{KEY_LEFTCTRL, 1}, {KEY_LEFTALT, 1},  {key, 1},
-                                         {key, 0},          {KEY_LEFTCTRL, 0}, {KEY_LEFTALT, 0}};
-    for (auto [code, value] : order) {
-      out.push_back({0, EV_KEY, code, value});
-      out.push_back({0, EV_SYN, SYN_REPORT, 0});
-    }
-    return out;
-  };
-  const auto chordZ = chord(KEY_Z);
   board(1).script_status(replies({22, 22, 23}));
   EXPECT_TRUE(SOC_IsRun_Pressed(0));
-  EXPECT_EQ(keyboard->events(), chordZ);  // the very first chord is not lost
-  EXPECT_TRUE(SOC_IsRun_Pressed(0));      // held through two calls: two chords
+  EXPECT_EQ(chords(), "CvAvZvZ^C^A^");  // the very first chord is not lost
+  EXPECT_TRUE(SOC_IsRun_Pressed(0));    // held through two calls: two chords
   EXPECT_FALSE(SOC_IsRun_Pressed(0));
-  EXPECT_EQ(keyboard->keys().size(), 12u);
-
-  keyboard->clear();
   board(5).script_status(replies({22}));
   EXPECT_TRUE(SOC_IsRun_Pressed(1));
-  EXPECT_EQ(keyboard->events(), chord(KEY_Y));
-
-  keyboard->clear();
   EXPECT_FALSE(testing_support::takes(0, 0.25, [] { return SOC_IsRun_Pressed(2); }));  // no query
+  EXPECT_EQ(chords(), "CvAvZvZ^C^A^CvAvZvZ^C^A^CvAvYvY^C^A^");
   EXPECT_EQ(queries(1), 3u);
   EXPECT_EQ(queries(5), 1u);
-  EXPECT_TRUE(keyboard->events().empty());
 
-  SOC_SendCtrlAltZ();
-  EXPECT_EQ(keyboard->events(), chordZ);
+  // Both wells' chords at once: each whole.
+  keyboard->clear();
+  std::thread left([] {
+    for (int i = 0; i < 20; ++i) SOC_SendCtrlAltZ();
+  });
+  for (int i = 0; i < 20; ++i) SOC_SendCtrlAltY();
+  left.join();
+  const std::string all = chords();
+  ASSERT_EQ(all.size(), 40u * 12);
+  for (size_t i = 0; i < all.size(); i += 12) {
+    EXPECT_TRUE(all.substr(i, 12) == "CvAvZvZ^C^A^" || all.substr(i, 12) == "CvAvYvY^C^A^") << i;
+  }
   // One keyboard for the library's life, made for these keys only.
   EXPECT_EQ(keyboard->created(), 1);
   EXPECT_EQ(keyboard->name(), "Brakwell key chords");

@@ -17,7 +17,7 @@ using testing_support::Lines;
 using testing_support::Transcript;
 constexpr const char* kQuery = brakwell::station::kStatusQuery;
 
-std::vector<std::string> replies(std::initializer_list<int> statuses) {
+std::vector<std::string> replies(const std::vector<int>& statuses) {
   std::vector<std::string> out;
   // -1: no "=" and no marker, so no answer.
   for (int s : statuses) out.push_back(s < 0 ? "garbled\n" : brakwell::station::status_reply(s));
@@ -168,49 +168,39 @@ TEST_F(Press, AutoOnPausesBetweenClosingAndLowering) {
 }
 
 TEST_F(Press, StatusTestTruthTables) {
-  struct Case {
+  // A status test, the name in its "<name>, rdData = <status>" line ("" for none), the pause
+  // before its query, and the statuses (-1: no answer) it answers true and false.
+  const struct {
     bool (*call)(int);
-    const char* logName;  // the "<name>, rdData = <status>" line; "" when the call logs nothing
+    const char* logName;
     double pause;
-    std::vector<std::pair<int, bool>> truth;  // status (-1: no answer) and the answer
+    std::vector<int> yes, no;
+  } cases[] = {
+      {SOC_IsValveOn, "SOC_IsValveOn", 0.2, {43}, {42, -1}},
+      {SOC_IsAbort_Pressed, "", 0, {4, 20, 22, 42, -1}, {40, 43}},
+      {SOC_IsBoth_Pressed, "", 0, {40, 20}, {22, 41, -1}},
+      {SOC_IsFixtureEngaged, "SOC_FixtureEngaged", 0.01, {40, 43}, {36, -1}},
+      {SOC_IsFixtureDisengaged, "SOC_FixtureDisengaged", 0.01, {36}, {40, -1}},
+      {SOC_IsFixtureClosed, "SOC_FixtureClosed", 0.01, {36, 40, 43}, {20, -1}},
+      {SOC_IsFixtureOpened, "SOC_FixtureOpened", 0.01, {20, 22}, {36, -1}},
   };
-  const Case cases[] = {
-      {SOC_IsValveOn, "SOC_IsValveOn", 0.2, {{43, 1}, {42, 0}, {-1, 0}}},
-      {SOC_IsAbort_Pressed, "", 0, {{4, 1}, {20, 1}, {22, 1}, {42, 1}, {-1, 1}, {40, 0}, {43, 0}}},
-      {SOC_IsBoth_Pressed, "", 0, {{40, 1}, {20, 1}, {22, 0}, {41, 0}, {-1, 0}}},
-      {SOC_IsFixtureEngaged, "SOC_FixtureEngaged", 0.01, {{40, 1}, {43, 1}, {36, 0}, {-1, 0}}},
-      {SOC_IsFixtureDisengaged, "SOC_FixtureDisengaged", 0.01, {{36, 1}, {40, 0}, {-1, 0}}},
-      {SOC_IsFixtureClosed,
-       "SOC_FixtureClosed",
-       0.01,
-       {{36, 1}, {40, 1}, {43, 1}, {20, 0}, {-1, 0}}},
-      {SOC_IsFixtureOpened, "SOC_FixtureOpened", 0.01, {{20, 1}, {22, 1}, {36, 0}, {-1, 0}}},
-  };
-  // The rows are shared out between the two wells, worked at once to halve the 0.3 s queries:
-  // WELL 0 on port 0, WELL 2 (any value but 0) on port 4.
-  for (const Case& c : cases) {
-    std::vector<std::string> scripts[2];
-    for (size_t i = 0; i < c.truth.size(); ++i)
-      scripts[i % 2].push_back(replies({c.truth[i].first})[0]);
-    board(1).script_status(scripts[0]);
-    board(5).script_status(scripts[1]);
-    auto work = [&](int well, size_t first) {
-      for (size_t i = first; i < c.truth.size(); i += 2) {
-        EXPECT_EQ(testing_support::takes(c.pause + 0.3, 3, [&] { return c.call(well); }),
-                  c.truth[i].second)
-            << c.logName << c.truth[i].first << " WELL " << well;
-      }
-    };
-    auto second = std::async(std::launch::async, work, 2, 1);
-    work(0, 0);
-    second.get();
-    for (const auto& [status, answer] : c.truth) {
-      const std::string line = "VELMORA: " + std::string(c.logName) + ", rdData = ";
-      EXPECT_EQ(log.count(line + std::to_string(status)), *c.logName ? 1u : 0u) << line << status;
-    }
-    EXPECT_EQ(queries(1), scripts[0].size());
-    EXPECT_EQ(queries(5), scripts[1].size());
+  // WELL 0 (port 0) is asked the true ones while WELL 2 (any value but 0: port 4) is asked the
+  // false ones, to halve the 0.3 s queries.
+  for (const auto& c : cases) {
     SetUp();
+    const auto work = [&](int well, const std::vector<int>& statuses) {
+      board(well ? 5 : 1).script_status(replies(statuses));
+      for (int status : statuses) {
+        EXPECT_EQ(testing_support::takes(c.pause + 0.3, 3, [&] { return c.call(well); }), !well)
+            << c.logName << status;
+        const std::string line = "VELMORA: " + std::string(c.logName) + ", rdData = ";
+        EXPECT_EQ(log.count(line + std::to_string(status)), *c.logName ? 1u : 0u) << line << status;
+      }
+      EXPECT_EQ(queries(well ? 5 : 1), statuses.size());
+    };
+    auto second = std::async(std::launch::async, work, 2, c.no);
+    work(0, c.yes);
+    second.get();
   }
 }
 

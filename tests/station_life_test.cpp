@@ -1,6 +1,5 @@
 // A station's day: ports kept from programs the host starts, stalled boards, odd serial-number
 // files, forged log lines.
-// lines.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -50,9 +50,9 @@ TEST_F(BadInput, UutIndexesAndBuffers) {
   }
 }
 
-// The well-rule table: which well's port a call reaches for a well number. Reset, LEDs, release
-// and the board link's moves take only 1 as the second well; the status tests and the presses
-// take any non-zero; the Run test serves 0 and 1 only.
+// The well-rule table: which well's port a call reaches for a well number. LEDs, release and
+// the board link's moves take only 1 as the second well (the well reset too: station_signals_test);
+// the status tests and the presses take any non-zero; the Run test serves 0 and 1 only.
 struct WellRule : testing_support::StationFixture, ::testing::WithParamInterface<Transcript> {};
 TEST_P(WellRule, Transcript) { run(GetParam()); }
 
@@ -63,14 +63,10 @@ std::vector<Transcript> well_rules() {
     const int onlyOne = well == 1 ? 5 : 1, anyNonZero = well != 0 ? 5 : 1;
     const std::string at = well == INT_MAX ? "_max" : "_" + std::to_string(well);
     const bool run = well == 0 || well == 1;
-    Transcript reset{"SOC_Reset" + at, [well] { return int(SOC_Reset(well)); }, 1};
     Transcript down{"fixtureDown" + at, [well] { return fixtureDown(well), 1; }, 1};
-    for (int site = onlyOne; site < onlyOne + 4; ++site) {
-      reset.wire.push_back({site, "vel_dfu_reset\n", 0.01});
-      down.wire.push_back({site, kDown, 0.01});
-    }
+    for (int site = onlyOne; site < onlyOne + 4; ++site) down.wire.push_back({site, kDown, 0.01});
     // clang-format off
-    rows.insert(rows.end(), {reset, down,
+    rows.insert(rows.end(), {down,
         {"SOC_RunLed" + at, [well] { return int(SOC_RunLed(well, true)); }, 1,
          {{onlyOne, "vel_run_led_on\n"}}},
         {"SOC_PneumaticValveOff" + at, [well] { return int(SOC_PneumaticValveOff(well)); }, 1,

@@ -12,7 +12,6 @@
 
 namespace {
 
-using testing_support::Sent;
 using testing_support::StationFixture;
 using testing_support::Transcript;
 
@@ -51,8 +50,8 @@ TEST_F(BadInput, UutIndexesAndBuffers) {
 }
 
 // The well-rule table: which well's port a call reaches for a well number. LEDs, release and
-// the board link's moves take only 1 as the second well (the well reset too: station_signals_test);
-// the status tests and the presses take any non-zero; the Run test serves 0 and 1 only.
+// the board link's moves take only 1 as the second well (the well reset too: signal rows); the
+// status tests and the presses take any non-zero (the Run test 0 and 1 only: press tests).
 struct WellRule : testing_support::StationFixture, ::testing::WithParamInterface<Transcript> {};
 TEST_P(WellRule, Transcript) { run(GetParam()); }
 
@@ -62,7 +61,6 @@ std::vector<Transcript> well_rules() {
   for (int well : {0, 1, 2, INT_MAX}) {
     const int onlyOne = well == 1 ? 5 : 1, anyNonZero = well != 0 ? 5 : 1;
     const std::string at = well == INT_MAX ? "_max" : "_" + std::to_string(well);
-    const bool run = well == 0 || well == 1;
     Transcript down{"fixtureDown" + at, [well] { return fixtureDown(well), 1; }, 1};
     for (int site = onlyOne; site < onlyOne + 4; ++site) down.wire.push_back({site, kDown, 0.01});
     // clang-format off
@@ -81,10 +79,7 @@ std::vector<Transcript> well_rules() {
          }, 1, {{anyNonZero, kQuery}, {onlyOne, "vel_run_led_on\n", 0.01}}, std::nullopt, 0.3},
         {"SOC_PneumaticValveAutoOn" + at, [well] { return int(SOC_PneumaticValveAutoOn(well, 0)); },
          1, {{anyNonZero, kQuery}, {anyNonZero, "vel_pne_in\n"}, {anyNonZero, kDown}},
-         std::nullopt, 0.65},
-        {"SOC_IsRun_Pressed" + at, [well] { return int(SOC_IsRun_Pressed(well)); }, 0,
-         run ? std::vector<Sent>{{well ? 5 : 1, kQuery}} : std::vector<Sent>{}, std::nullopt,
-         run ? 0.3 : 0}});
+         std::nullopt, 0.65}});
     // clang-format on
   }
   return rows;

@@ -86,14 +86,16 @@ std::vector<Transcript> every_call() {
       uut = (uut + 3) % 8;
       const std::string name = std::string(c.name) + (on ? "_on" : "_off");
       rows.push_back({name, [&c, uut, on] { return int(c.call(uut, on)); }, 1,
-                      {{uut + 1, format("vel_%s\n", on ? c.on : c.off)}}, call_log(c, uut, on, true)});
+                      {{uut + 1, format("vel_%s\n", on ? c.on : c.off)}},
+                      call_log(c, uut, on, true)});
       rows.push_back({name + "_failed", [&c, on, bad] { return int(c.call(bad, on)); }, 0, {},
                       call_log(c, bad, on, false)});
     }
   }
   return rows;
 }
-INSTANTIATE_TEST_SUITE_P(EveryCall, Signals, ::testing::ValuesIn(every_call()), testing_support::row_name);
+INSTANTIATE_TEST_SUITE_P(EveryCall, Signals, ::testing::ValuesIn(every_call()),
+                         testing_support::row_name);
 
 // Reset and power-off of a well: only 1 is the second well; 0.01 s before each site, ascending.
 // With the well's ports closed it still succeeds, with one failure line a site.

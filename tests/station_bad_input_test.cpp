@@ -91,12 +91,12 @@ TEST_F(BadInput, SitesOfAHandle) {
   for (int w = 0; w < 2; ++w) {
     FixtureController* h = wells[w];
     for (int site : {0, -1, 8, 100, INT_MIN, INT_MAX}) {
-      const int64_t uut64 = static_cast<int64_t>(site) + brakwell::station::first_uut_only_one(w);
-      const int32_t uut = static_cast<int32_t>(static_cast<uint32_t>(uut64));
+      const int32_t uut = int32_t(uint32_t(site) + 4u * w);      // wrapping as the library does
       const bool inStation = site >= 1 && uut >= 1 && uut <= 8;  // only site 8 on well 0
       const std::string at = "well " + std::to_string(w) + " site " + std::to_string(site);
-      const std::string uart = "/dev/cu.usbserial-RT00000" + std::to_string(uut);
-      EXPECT_EQ(get_uart_path(h, site), site < 1 ? "error" : uart) << at;
+      EXPECT_EQ(get_uart_path(h, site),
+                site < 1 ? "error" : "/dev/cu.usbserial-RT00000" + std::to_string(uut))
+          << at;
       EXPECT_STREQ(get_usb_location(h, site), inStation ? USBLocation[uut - 1] : "error") << at;
       EXPECT_EQ(actuator_for_site(h, site), inStation ? 1 : -1) << at;
       EXPECT_EQ(set_usb_power(h, 0, site), inStation ? 0 : -1) << at;

@@ -1,10 +1,7 @@
 // All eight sites at once, each site's thread running its power and boot-mode sequences and signal
-// commands and asking its well's sensors; and both wells posting their key chords at once.
-#include <linux/input.h>
-
+// commands and asking its well's sensors. (Both wells' key chords at once: station_press_test.)
 #include <thread>
 
-#include "keyboard.h"
 #include "support/station_fixture.h"
 #include "write_tap.h"
 
@@ -101,26 +98,6 @@ TEST_F(Parallel, EightSitesAtOnceAsEachAlone) {
   // Every query of a well's four sites went to its first site, each answered on its own.
   for (int site : {1, 5})
     EXPECT_EQ(sim::write_tap::lines(site - 1).size() - own_lines(site).size(), 2u * kRounds * 4);
-}
-
-TEST_F(Parallel, KeyChordsFromBothWellsAtOnce) {
-  sim::Keyboard keyboard(*bed);
-  std::thread left([] {
-    for (int i = 0; i < 20; ++i) SOC_SendCtrlAltZ();
-  });
-  for (int i = 0; i < 20; ++i) SOC_SendCtrlAltY();
-  left.join();
-  EXPECT_EQ(keyboard.created(), 1);
-  // Each chord whole: Control, Alt and the letter down, the letter, Control and Alt up.
-  const std::map<int, char> name = {
-      {KEY_LEFTCTRL, 'C'}, {KEY_LEFTALT, 'A'}, {KEY_Z, 'Z'}, {KEY_Y, 'Y'}};
-  std::string keys;
-  for (const auto& k : keyboard.keys()) keys += {name.at(k.code), k.value ? 'v' : '^'};
-  ASSERT_EQ(keys.size(), 40u * 12);
-  for (size_t i = 0; i < keys.size(); i += 12) {
-    const std::string chord = keys.substr(i, 12);
-    ASSERT_TRUE(chord == "CvAvZvZ^C^A^" || chord == "CvAvYvY^C^A^") << chord;
-  }
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // voltage line, the run LED, and raw write and read.
 #include <unistd.h>
 
+#include <climits>
 #include <cstring>
 
 #include "support/station_fixture.h"
@@ -58,8 +59,11 @@ const Call kCalls[] = {
     {NOFLAG(SOC_ResetUUT), "dfu_reset", "dfu_reset", "-", "wrote"},
 };
 
+// Messages number a UUT from 1, wrapping at 32 bits.
+std::string plus_one(int uut) { return std::to_string(int32_t(uint32_t(uut) + 1u)); }
+
 Lines call_log(const Call& c, int uut, bool on, bool written) {
-  const std::string name = c.name, at = " UUT:" + std::to_string(uut + 1);
+  const std::string name = c.name, at = " UUT:" + plus_one(uut);
   const std::string flag = std::string(c.entry) + ":" + std::to_string(on);
   Lines out;
   if (*c.entry) out.push_back("VELMORA: " + name + at + (*c.entry == '-' ? "" : " " + flag));
@@ -71,26 +75,21 @@ Lines call_log(const Call& c, int uut, bool on, bool written) {
   return out;
 }
 
-// Every call on and off, walking over every port; an index outside the port table is a failed
-// write, the way -1 reaches SOC_Batt_Supercap.
+// Every call on and off, walking over every port, and failing at an index outside the station.
+// clang-format off
 std::vector<Transcript> every_call() {
   std::vector<Transcript> rows;
-  int uut = 0;
+  int uut = 0, n = 0;
   for (const Call& c : kCalls) {
     for (bool on : {true, false}) {
+      const int bad = std::array{-1, 8, 100, INT_MIN, INT_MAX}[n++ % 5];
       uut = (uut + 3) % 8;
       const std::string name = std::string(c.name) + (on ? "_on" : "_off");
-      const auto call = [&c, uut, on] { return int(c.call(uut, on)); };
-      rows.push_back({name,
-                      call,
-                      1,
+      rows.push_back({name, [&c, uut, on] { return int(c.call(uut, on)); }, 1,
                       {{uut + 1, format("vel_%s\n", on ? c.on : c.off)}},
                       call_log(c, uut, on, true)});
-      rows.push_back({name + "_failed",
-                      [&c, on] { return int(c.call(-1, on)); },
-                      0,
-                      {},
-                      call_log(c, -1, on, false)});
+      rows.push_back({name + "_failed", [&c, on, bad] { return int(c.call(bad, on)); }, 0, {},
+                      call_log(c, bad, on, false)});
     }
   }
   return rows;
@@ -99,46 +98,39 @@ INSTANTIATE_TEST_SUITE_P(EveryCall, Signals, ::testing::ValuesIn(every_call()),
                          testing_support::row_name);
 
 // Reset and power-off of a well: only 1 is the second well; 0.01 s before each site, ascending.
+// With the well's ports closed it still succeeds, with one failure line a site.
 std::vector<Transcript> well_wide() {
   std::vector<Transcript> rows;
   for (auto [call, name] : {std::pair<bool (*)(int), const char*>{SOC_Reset, "SOC_Reset"},
                             {SOC_PowerOff, "SOC_PowerOff"}}) {
-    for (auto [well, first] : {std::pair{1, 5}, {0, 1}, {2, 1}, {-1, 1}}) {
-      Transcript t{format("%s_well_%d", name, well + 1),
-                   [call, well] { return int(call(well)); },
-                   1,
-                   {},
-                   Lines{format("VELMORA: %s WELL:%d", name, well + 1)}};
+    for (auto [well, first, open] : {std::tuple{1, 5, true}, {2, 1, true}, {-1, 1, false}}) {
+      Transcript t{format("%s_well_%d%s", name, well + 1, open ? "" : "_closed"), [=] {
+          return open ? int(call(well)) : closed({0, 1, 2, 3}, [=] { return int(call(well)); }); },
+        1, {}, Lines{format("VELMORA: %s WELL:%d", name, well + 1)}, 0.04};
       for (int site = first; site < first + 4; ++site) {
-        t.wire.push_back({site, "vel_dfu_reset\n", 0.01});
-        t.log->push_back(
-            format("VELMORA: %s, UUT:%d, Successfully wrote vel_dfu_reset\n", name, site));
+        if (open) t.wire.push_back({site, "vel_dfu_reset\n", 0.01});
+        t.log->push_back(format("VELMORA: %s, UUT:%d, %s vel_dfu_reset\n", name, site,
+                                open ? "Successfully wrote" : "Failed to write"));
       }
       rows.push_back(t);
     }
   }
-  // With the well's ports closed it still succeeds, with one failure line a site.
-  Transcript t{"SOC_Reset_closed",
-               [] {
-                 return closed({4, 5, 6, 7}, [] { return int(SOC_Reset(1)); });
-               },
-               1,
-               {},
-               Lines{"VELMORA: SOC_Reset WELL:2"},
-               0.04};
-  for (int uut = 5; uut <= 8; ++uut)
-    t.log->push_back(format("VELMORA: SOC_Reset, UUT:%d, Failed to write vel_dfu_reset\n", uut));
-  rows.push_back(t);
   return rows;
 }
+// clang-format on
 INSTANTIATE_TEST_SUITE_P(WellWide, Signals, ::testing::ValuesIn(well_wide()),
                          testing_support::row_name);
 
 // The result LED drives sites 5-8 through the ports of sites 1-4 and never switches off.
 std::vector<Transcript> result_led() {
   std::vector<Transcript> rows;
-  for (auto [uut, pass, site] :
-       {std::tuple{5, true, 2}, {1, true, 2}, {4, false, 1}, {7, false, 4}, {3, true, 4}}) {
+  // An index past the station folds too: 8 drives site 5.
+  for (auto [uut, pass, site] : {std::tuple{5, true, 2},
+                                 {1, true, 2},
+                                 {4, false, 1},
+                                 {7, false, 4},
+                                 {3, true, 4},
+                                 {8, true, 5}}) {
     const char* line = pass ? "vel_pass_led_on\n" : "vel_fail_led_on\n";
     rows.push_back(
         {format("uut_%d_%s", uut + 1, pass ? "pass" : "fail"),
@@ -170,18 +162,22 @@ INSTANTIATE_TEST_SUITE_P(Single, Signals, ::testing::Values(
     0, {}, Lines{"VELMORA: SOC_Hi5EnterDiag UUT:8",
                  "VELMORA: SOC_Hi5EnterDiag, UUT:8, Failed to write vel_hi5_enable\n",
                  "VELMORA: SOC_Hi5EnterDiag, UUT:8, Failed to write vel_hi5_enter_diag\n"}, 0.01},
+  Transcript{"ResultLed_bad", [] { return SOC_ResultLed(-1, 0) + SOC_ResultLed(100, 0) +
+      SOC_ResultLed(INT_MIN, 0) + SOC_ResultLed(INT_MAX, 0); }, 0},
   Transcript{"Set_VBatt", [] { return SOC_Set_VBatt(0, 4100) + SOC_Set_VBatt(1, -250); }, 2,
     {{1, "vel_set_vbatt_4100\n"}, {2, "vel_set_vbatt_-250\n"}}, std::nullopt},
   // The success line is unconditional; the result is the write's.
-  Transcript{"Set_VBatt_closed", [] { return closed({2}, [] { return int(SOC_Set_VBatt(2, 4100)); }); },
-    0, {}, Lines{"VELMORA: SOC_Set_VBatt, UUT:3, Successfully write vel_set_vbatt_4100\n"}},
+  Transcript{"Set_VBatt_failed", [] {
+      return closed({2}, [] { return SOC_Set_VBatt(2, 4100) + SOC_Set_VBatt(INT_MIN, -4100); }); },
+    0, {}, Lines{"VELMORA: SOC_Set_VBatt, UUT:3, Successfully write vel_set_vbatt_4100\n",
+                 "VELMORA: SOC_Set_VBatt, UUT:-2147483647, Successfully write vel_set_vbatt_-4100\n"}},
   Transcript{"RunLed", [] { return SOC_RunLed(1, true) + SOC_RunLed(2, false); }, 2,
     {{5, "vel_run_led_on\n"}, {1, "vel_run_led_off\n"}},
     Lines{"VELMORA: SOC_RunLed WELL:2 TurnOn:1", "VELMORA: Successfully turned ON Run Led for UUT:5",
           "VELMORA: SOC_RunLed WELL:3 TurnOn:0", "VELMORA: Successfully turned OFF Run Led for UUT:1"}},
-  Transcript{"Write", [] { return SOC_Write(3, "raw text\n") + SOC_Write(-1, "x"); }, 1,
+  Transcript{"Write", [] { return SOC_Write(3, "raw text\n") + SOC_Write(INT_MAX, "x"); }, 1,
     {{4, "raw text\n"}}, Lines{"VELMORA: SOC_Write, UUT:4, Successfully write raw text\n",
-                               "VELMORA: SOC_Write, UUT:0, Failed to write x"}}),
+                               "VELMORA: SOC_Write, UUT:-2147483648, Failed to write x"}}),
   testing_support::row_name);
 // clang-format on
 

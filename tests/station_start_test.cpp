@@ -1,6 +1,5 @@
 // Station start and stop against the virtual fixture's USB bus and boards: the well count from
-// the board names, the enumeration order, a second start, the stop sequence and its timing, and
-// the version text.
+// the board names, the enumeration order, a second start, and the stop sequence and its timing.
 
 #include <cstring>
 #include <set>
@@ -42,14 +41,13 @@ class Station : public ::testing::Test {
     brakwell::platform::usb::shutdown();
     bench = std::make_unique<Bench>(sites);
   }
-  // The counts, the well of every UUT and which ports the start opened.
-  void expect_station(uint32_t wells, uint32_t slots, int firstSecondWellUut,
-                      const std::set<int>& openSites) {
+  // The counts, the well of every UUT (the first, when there is one) and the ports opened.
+  void expect_station(uint32_t wells, const std::set<int>& openSites) {
     EXPECT_EQ(SOC_GetWellNumber(), wells);
     EXPECT_EQ(g_WellNumber, wells);
-    EXPECT_EQ(SOC_GetSlotNumber(), slots);
+    EXPECT_EQ(SOC_GetSlotNumber(), 4 * wells);
     for (int uut = 0; uut < 8; ++uut) {
-      EXPECT_EQ(SOC_GetWellIndex(uut), uut >= firstSecondWellUut ? 1 : 0) << uut;
+      EXPECT_EQ(SOC_GetWellIndex(uut), wells != 1 && uut >= 4) << uut;
       EXPECT_EQ(DIO_fileDescriptor[uut] != -1, openSites.count(uut + 1) == 1) << uut;
     }
   }
@@ -58,29 +56,22 @@ class Station : public ::testing::Test {
   testing_support::LogCapture log;
 };
 
-TEST_F(Station, VersionTextNeedsTwentyFiveBytes) {
-  char buffer[32] = "x";
-  EXPECT_FALSE(SOC_LibVersion(buffer, 24) || SOC_LibVersion(nullptr, 25));
-  EXPECT_STREQ(buffer, "x");
-  EXPECT_TRUE(log.syslog().empty());
-  EXPECT_TRUE(SOC_LibVersion(buffer, 25));
-  EXPECT_STREQ(buffer, "Velmora Lumbrix 4.01");
-  EXPECT_EQ(log.syslog(), Lines{"VELMORA: Velmora Lumbrix 4.01"});
-}
-
-// All eight boards is the first start of SecondStartRecountsAndDoneStopsEveryPort.
+// All eight boards is the first start of SecondStartRecountsAndDoneStopsEveryPort. The quad
+// bridge is enumerated only when no cable kind was found.
 TEST_F(Station, WellsCountedFromCompleteSetsOfBoardNames) {
   const struct {
     const char* what;
     std::set<int> sites;
     bool earlierNames;  // bridges named like sites 5-8, seen by the first enumeration only
-    uint32_t wells, slots;
-    int firstSecondWellUut;  // SOC_GetWellIndex is 1 from this UUT on
+    uint32_t wells;
+    const char* single = nullptr;  // a bridge of this name beside a quad bridge
   } cases[] = {
-      {"first well only", {1, 2, 3, 4}, false, 1, 4, 8},
-      {"second well only", {5, 6, 7, 8}, false, 1, 4, 8},
-      {"three of four", {1, 2, 4}, false, 0, 0, 4},
-      {"names from the last enumeration only", {1, 2, 3, 4}, true, 1, 4, 8},
+      {"first well only", {1, 2, 3, 4}, false, 1},
+      {"second well only", {5, 6, 7, 8}, false, 1},
+      {"three of four", {1, 2, 4}, false, 0},
+      {"names from the last enumeration only", {1, 2, 3, 4}, true, 1},
+      {"a cable kind", {}, false, 0, "USB UART1"},
+      {"no cable kind", {}, false, 0, "FT232R"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -88,24 +79,17 @@ TEST_F(Station, WellsCountedFromCompleteSetsOfBoardNames) {
     for (int site = 5; c.earlierNames && site <= 8; ++site) {
       bench->bus.add_uart(site, sim::board_name(site));
     }
+    if (c.single) {
+      bench->bus.add_uart(1, c.single);
+      bench->bus.add({"1-6.1", 0x0403, 0x6011, "Quad bridge", "Q1", 0, {}});
+    }
     log.clear();
     EXPECT_EQ(SOC_Start(), c.wells > 0);
     EXPECT_EQ(log.syslog().at(0), "VELMORA: ***************SOC_Start***************");
-    // The serial scan and the opens run whatever the count.
-    expect_station(c.wells, c.slots, c.firstSecondWellUut, c.sites);
-  }
-}
-
-TEST_F(Station, QuadBridgeEnumeratedOnlyWhenNoCableKindWasFound) {
-  for (const char* single : {"USB UART1", "FT232R"}) {
-    SCOPED_TRACE(single);
-    build({});
-    bench->bus.add_uart(1, single);
-    bench->bus.add({"1-6.1", 0x0403, 0x6011, "Quad bridge", "Q1", 0, {}});
-    log.clear();
-    EXPECT_FALSE(SOC_Start());
     EXPECT_EQ(log.has("UART Device added: DeviceName=Quad bridge Serial Number=Q1"),
-              std::strcmp(single, "FT232R") == 0);
+              c.single && std::strcmp(c.single, "FT232R") == 0);
+    // The serial scan and the opens run whatever the count.
+    expect_station(c.wells, c.sites);
   }
 }
 
@@ -113,44 +97,40 @@ TEST_F(Station, SecondStartRecountsAndDoneStopsEveryPort) {
   const std::set<int> all = {1, 2, 3, 4, 5, 6, 7, 8};
   build(all);
   EXPECT_TRUE(testing_support::takes(8 * 0.1, 30, [] { return SOC_Start(); }));
-  expect_station(2, 8, 4, all);
+  expect_station(2, all);
 
   // The host may set the flags; a second start clears them and counts again.
   dioOn1 = dioOn2 = true;
   for (int site = 5; site <= 8; ++site) bench->bus.remove(*bench->boardDevices[site]);
   EXPECT_TRUE(SOC_Start());
   EXPECT_FALSE(dioOn1 || dioOn2);
-  expect_station(1, 4, 8, all);
+  expect_station(1, all);
 
-  log.clear();
-  testing_support::takes(8 * 0.2, 30, [] { return SOC_Done(), 0; });
+  // Each stop sends one disable a site every 0.2 s, in site order, and closes every port; the
+  // second finds no port open: every disable fails and the pauses stay.
+  for (const std::string sent : {"Successfully sent", "Failed to send"}) {
+    log.clear();
+    testing_support::takes(8 * 0.2, 30, [] { return SOC_Done(), 0; });
+    Lines want{"VELMORA: ***************SOC_Done***************"};
+    for (int uut = 1; uut <= 8; ++uut) {
+      want.push_back("VELMORA: " + sent + " vel_hi5_disable\n for UUT" + std::to_string(uut));
+      EXPECT_EQ(DIO_fileDescriptor[uut - 1], -1);
+    }
+    Lines got = log.syslog();
+    got.resize(std::min(got.size(), want.size()));
+    EXPECT_EQ(got, want);
+  }
   for (int site = 1; site <= 8; ++site) {
-    sim::Board& board = bench->boards.site(site);
-    ASSERT_TRUE(board.wait_lines(1, 2.0));
-    EXPECT_EQ(board.lines().back().text, "vel_hi5_disable\n");
-    EXPECT_EQ(DIO_fileDescriptor[site - 1], -1);
-    EXPECT_EQ(
-        log.count("VELMORA: Successfully sent vel_hi5_disable\n for UUT" + std::to_string(site)),
-        1u);
-    // One disable every 0.2 s, in site order.
+    const auto lines = bench->boards.site(site).lines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back().text, "vel_hi5_disable\n");
     if (site > 1) {
-      EXPECT_GE(board.lines().back().time - bench->boards.site(site - 1).lines().back().time,
+      EXPECT_GE(lines.back().time - bench->boards.site(site - 1).lines().back().time,
                 0.2 - kReaderJitter);
     }
   }
   EXPECT_EQ(g_WellNumber, 1u);  // the counts outlive the stop
   EXPECT_EQ(g_SlotNumber, 4u);
-
-  // With no port open, every disable fails and the pauses stay.
-  log.clear();
-  testing_support::takes(1.6, 30, [] { return SOC_Done(), 0; });
-  Lines want{"VELMORA: ***************SOC_Done***************"};
-  for (int uut = 1; uut <= 8; ++uut) {
-    want.push_back("VELMORA: Failed to send vel_hi5_disable\n for UUT" + std::to_string(uut));
-  }
-  Lines got = log.syslog();
-  got.resize(std::min(got.size(), want.size()));
-  EXPECT_EQ(got, want);
 }
 
 // A fresh bench with serial ports of these dial-in links, listed by libudev in this order.

@@ -29,6 +29,7 @@ DioModule::DioModule(UsbBus& bus, int module, uint8_t interfaceClass)
                      {}};
   desc.interfaces = {UsbInterfaceSpec{interfaceClass, 0, 0, {{0x81, 2}, {0x02, 2}}}};
   usb_ = &bus.add(desc);
+  id_ = usb_->id();
   usb_->on_bulk = [this](uint8_t endpoint, size_t length, std::vector<uint8_t>& data) {
     return on_bulk(endpoint, length, data);
   };
@@ -37,9 +38,7 @@ DioModule::DioModule(UsbBus& bus, int module, uint8_t interfaceClass)
   };
 }
 
-DioModule::~DioModule() {
-  if (!usb_->gone()) bus_.remove(*usb_);
-}
+DioModule::~DioModule() { bus_.remove(id_); }
 
 bool DioModule::on_bulk(uint8_t endpoint, size_t length, std::vector<uint8_t>& data) {
   {
@@ -154,9 +153,9 @@ void DioModule::vanish() {
     std::lock_guard lock(mutex_);
     leaving_ = true;
   }
-  usb_->vanish();
+  bus_.remove(id_);
 }
 
-bool DioModule::gone() const { return usb_->gone(); }
+bool DioModule::gone() const { return !bus_.present(id_); }
 
 }  // namespace sim

@@ -69,7 +69,8 @@ class DioModule {
   void take_frame(const std::vector<uint8_t>& frame);
 
   UsbBus& bus_;
-  UsbDevice* usb_;
+  UsbDevice* usb_;  // while it is on the bus; once gone the bus may free it
+  uint64_t id_;
   std::string source_;  // "dio0", "dio1" in the trace
   mutable std::mutex mutex_;
   uint8_t registers_[16] = {};

@@ -23,7 +23,7 @@ Fixture::Fixture(FixtureOptions options)
   // The board's USB device first: its port's tty hangs below it in sysfs.
   for (int n : sites_) {
     usb_->add_uart(n);
-    boardDevices_[n] = &usb_->add_board(n);
+    boardDevices_[n] = usb_->add_board(n).id();
     boards_->add_site(n);
   }
   units_ = std::make_unique<Units>(*bed_, *usb_, sites_);
@@ -127,7 +127,7 @@ void Fixture::strike(const TimedFault& fault) {
     case TimedFault::BoardUnplugged: {
       if (!boards_->has_site(fault.target)) return;
       boards_->site(fault.target).unplug();
-      usb_->remove(*boardDevices_.at(fault.target));
+      usb_->remove(boardDevices_.at(fault.target));
       break;
     }
     case TimedFault::BoardStopsReading:

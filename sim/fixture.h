@@ -78,7 +78,7 @@ class Fixture {
   std::unique_ptr<Testbed> bed_;
   std::unique_ptr<UsbBus> usb_;
   std::unique_ptr<Boards> boards_;
-  std::map<int, UsbDevice*> boardDevices_;
+  std::map<int, uint64_t> boardDevices_;  // ids on the bus
   std::unique_ptr<Units> units_;
   std::unique_ptr<Well> wells_[2];
   std::unique_ptr<Keyboard> keyboard_;

@@ -30,9 +30,9 @@ struct Site {
   bool usb = false, battery = false, forceDfu = false;
   bool recoveryRequested = false;
   std::optional<BootMode> mode;  // set while the unit is on the bus
-  UsbDevice* device = nullptr;
-  int console = -1;  // the unit's end of its UART port (the testbed's), -1 without one
-  int hold = -1;     // the station's end, held open so that the port never reads as hung up
+  uint64_t device = 0;  // its id on the bus: a test may have pulled it, and the bus freed it
+  int console = -1;     // the unit's end of its UART port (the testbed's), -1 without one
+  int hold = -1;        // the station's end, held open so that the port never reads as hung up
 };
 
 // What each line the units care about does to a site.
@@ -161,13 +161,13 @@ struct Units::Impl {
             "unit " + std::to_string(n) + " booted in " + id.state + " mode\r\n";
         (void)!write(site.console, line.data(), line.size());
       }
-      site.device = &bus.add_unit(n, id.name, id.vendor, id.product);
+      site.device = bus.add_unit(n, id.name, id.vendor, id.product).id();
     } else if (!powered && site.mode) {
       site.mode.reset();
       site.recoveryRequested = false;
       bed.trace("site" + std::to_string(n), "unit=none");
-      if (site.device) bus.remove(*site.device);
-      site.device = nullptr;
+      bus.remove(site.device);
+      site.device = 0;
     }
   }
 };

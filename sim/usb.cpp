@@ -688,6 +688,7 @@ UsbDevice& UsbBus::add_locked(const UsbDeviceSpec& desc, bool announce) {
   }
   all_.emplace_back(new UsbDevice(*this, desc, busnum, devnum));
   UsbDevice& device = *all_.back();
+  device.id_ = nextId_++;
 
   device.impl_->handler = umockdev_ioctl_base_new();
   g_signal_connect(device.impl_->handler, "handle-ioctl", G_CALLBACK(UsbDevice::Impl::on_ioctl),
@@ -739,6 +740,18 @@ void UsbBus::drop(UsbDevice& device) {
 void UsbBus::remove(UsbDevice& device) {
   std::lock_guard lock(mutex_);
   drop(device);
+}
+
+void UsbBus::remove(uint64_t id) {
+  std::lock_guard lock(mutex_);
+  for (auto* d : present_) {
+    if (d->id_ == id) return drop(*d);
+  }
+}
+
+bool UsbBus::present(uint64_t id) {
+  std::lock_guard lock(mutex_);
+  return std::any_of(present_.begin(), present_.end(), [id](auto* d) { return d->id_ == id; });
 }
 
 UsbDevice& UsbBus::add_board(int site) {

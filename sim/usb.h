@@ -72,6 +72,8 @@ class UsbDevice {
   std::string sys_path() const;  // "/devices/.../1-2.2.3", as topology.h writes it
   std::string devnode() const;   // "/dev/bus/usb/001/005"
   int devnum() const { return devnum_; }
+  // Never used again on this bus: holders that may outlive the device keep this, not a pointer.
+  uint64_t id() const { return id_; }
 
   // Called on umockdev's ioctl handler thread for every transfer the library makes.
   // Control: for IN requests fill `data` (at most wLength bytes); for OUT `data` holds the bytes
@@ -100,6 +102,7 @@ class UsbDevice {
   UsbBus& bus_;
   UsbDeviceSpec spec_;
   int busnum_, devnum_;
+  uint64_t id_ = 0;
   std::unique_ptr<Impl> impl_;
   std::vector<std::string> children_;  // sys paths below it (interfaces, ports), parents first
 };
@@ -116,6 +119,8 @@ class UsbBus {
   // Adds missing hubs on the path; announce = "add" uevent (for the hubs too).
   UsbDevice& add(const UsbDeviceSpec& desc, bool announce = true);
   void remove(UsbDevice& device);  // "remove" uevent and gone
+  void remove(uint64_t id);        // the same, if that device is still present
+  bool present(uint64_t id);
 
   // The fixture's own devices, at the places topology.h gives:
   UsbDevice& add_board(int site);  // 1fc9:df01 "Velmora_DFU_CDC<n>", serial board_serial(n)
@@ -136,7 +141,10 @@ class UsbBus {
 
   Testbed& bed_;
   std::recursive_mutex mutex_;
-  std::vector<std::unique_ptr<UsbDevice>> all_;  // kept until the bus goes: handlers may run
+  // Kept until the bus goes, or until a later device takes the number of a gone one: then it is
+  // freed, so a holder that outlives its device keeps the device's id, not a pointer.
+  std::vector<std::unique_ptr<UsbDevice>> all_;
+  uint64_t nextId_ = 1;
   std::vector<UsbDevice*> present_;
   int nextDevnum_[128] = {};
 };

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <libusb.h>
 
+#include <memory>
+
+#include "dio.h"
 #include "usb.h"
 
 TEST(UsbSim, AnUnansweredBulkInTimesOut) {
@@ -18,4 +21,16 @@ TEST(UsbSim, AnUnansweredBulkInTimesOut) {
   EXPECT_EQ(libusb_bulk_transfer(handle, 0x81, data, 16, &done, 200), LIBUSB_ERROR_TIMEOUT);
   libusb_close(handle);
   libusb_exit(ctx);
+}
+
+// A module outlives its device, whose number a later device takes: the bus frees the gone device,
+// and the module must not reach it again (a use after free under ASan, a crash at a soak's exit).
+TEST(UsbSim, ModuleOutlivesItsDeviceNumber) {
+  sim::Testbed bed;
+  sim::UsbBus bus(bed);
+  auto module = std::make_unique<sim::DioModule>(bus, 0);
+  module->vanish();
+  for (int i = 0; i < 128; ++i) bus.remove(bus.add({"1-5", 0xffff, 0xffff, "", "", 0, {}}));
+  EXPECT_TRUE(module->gone());
+  module.reset();
 }

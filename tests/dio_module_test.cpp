@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstring>
 #include <optional>
 
@@ -163,34 +164,41 @@ TEST_F(Dio, VendorRequestAndAModuleThatLeft) {
   EXPECT_EQ(again.frames(), (Frames{{0x02, 0x03, 0x02}}));
 }
 
-// A link that breaks in the middle of a write, then of a read: one log line, one alert, the
-// interface dropped. openUSB keeps the broken handle (refused as busy); later calls fail at once
+// A link that breaks in the middle of a write, of a read, or of the debounce's third status read
+// (the sensors read as all open): one log line, one alert, the interface dropped. openUSB keeps
+// the broken handle (refused as busy); later calls, the board id too, fail at once and silently
 // without a transfer, also once the module has left.
 TEST_F(Dio, BrokenLinkAlertsOnceAndSilencesThePipes) {
-  // Which transfer of the status command fails: 1 the write, 2 the read.
-  for (const auto& [failing, line] : std::initializer_list<std::pair<size_t, const char*>>{
-           {1, "VELMORA: USB Write: unable to do usb write to pipe2. Error Code: ffffffff\n"},
-           {2, "VELMORA: USB Read: unable to do usb read to pipe1. Error Code: ffffffff\n"}}) {
-    SCOPED_TRACE(line);
+  const char* const read =
+      "VELMORA: USB Read: unable to do usb read to pipe1. Error Code: ffffffff\n";
+  // Which transfer fails, and the value the call leaves.
+  for (const auto& [failing, left, line] :
+       std::initializer_list<std::tuple<size_t, uint32_t, const char*>>{
+           {1, 0, "VELMORA: USB Write: unable to do usb write to pipe2. Error Code: ffffffff\n"},
+           {2, 0, read},
+           {6, 0xff, read}}) {
+    SCOPED_TRACE(failing);
     sim::DioModule& module = open(0, true);
     alerts.clear();
     dio::reg[0][2] = 0x33;
+    module.script_status({0x47});
     module.vanish_at_transfer(failing);
-    uint32_t status = 7;
-    EXPECT_EQ(dioStatus(0, &status), 0);
-    EXPECT_EQ(status, 0u);
+    uint32_t value = 7;
+    EXPECT_EQ(failing < 6 ? dioStatus(0, &value) : dioReadSensor(0, &value), 0);
+    EXPECT_EQ(value, left);
     EXPECT_EQ(openUSB(0), 1);
     EXPECT_EQ(log.stdout_lines(), Lines{"dealWithDevice: unable to open device. ret = fffffffa\n"});
     EXPECT_FALSE(dio::modules[0].hasInterface);
     const size_t transfers = module.transfers();
     unsigned char buffer[10] = {};
-    for (bool left : {false, true}) {
-      if (left) module.vanish();
+    for (bool gone : {false, true}) {
+      if (gone) module.vanish();
       const double start = brakwell::platform::monotonic_seconds();
-      EXPECT_EQ(
-          readFromEndpt(0, 1, buffer, 10) + writeToEndpt(0, 1, buffer, 3) + dioWrite(0, 2, "0x44"),
-          0);
+      EXPECT_EQ(readFromEndpt(0, 1, buffer, 10) + writeToEndpt(0, 1, buffer, 3) +
+                    dioWrite(0, 2, "0x44") + SOC_BoardID(0, &value),
+                0);
       EXPECT_LT(brakwell::platform::monotonic_seconds() - start, 0.05);
+      EXPECT_EQ(value, 255u);
     }
     EXPECT_EQ(dio::reg[0][2], 0x33);
     EXPECT_EQ(module.transfers(), transfers);
@@ -239,11 +247,17 @@ TEST_F(Dio, RegisterFramesOpenReadStatusClose) {
   EXPECT_EQ(value, 0x47u);
   unsigned char buffer[64] = {};
   EXPECT_EQ(readFromEndpt(0, 1, buffer, 1), 1);  // ten bytes whatever the size
-  // Refused without a transfer: no channel 0, no pipe 3, no register 16, no buffer, no text.
+  // Refused without a transfer: no channel 0, no pipe 3, no register 16, no buffer, no text,
+  // no channel whose pipe number overflows.
   EXPECT_EQ(writeToEndpt(0, 0, buffer, 3) + readFromEndpt(0, 2, buffer, 10) +
                 readFromEndpt(0, 1, nullptr, 10) + dioWrite(0, 16, "0x01") +
                 dioWrite(0, 2, nullptr),
             0);
+  for (int bad : {-1, 100, INT_MIN, INT_MAX})
+    EXPECT_EQ(readFromEndpt(0, bad, buffer, 10) + writeToEndpt(0, bad, buffer, 3) +
+                  dioWrite(0, bad, "0x01"),
+              0)
+        << bad;
   EXPECT_EQ(module.read_lengths(), (std::vector<size_t>{10, 10, 10}));
   for (int r : {1, 3, 10}) dio::reg[0][r] = 0x77;
   resetAllRegisters2(0);  // leaves 1, 3 and 10 alone

@@ -1,16 +1,14 @@
 // USB devices by vendor and product: names and cable kind, location IDs, the UART-to-UUT
-// locations and the operator's report, and a DIO module that leaves in the debounce.
+// locations and the operator's report.
 #include <Brakwell.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <climits>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
-#include "dio.h"
 #include "station/board_link.h"
 #include "support/station_fixture.h"
 #include "usb/AppleDevices.h"
@@ -49,10 +47,7 @@ class UsbBusTest : public ::testing::Test {
     std::fill(std::begin(g_ListUartLocationID), std::end(g_ListUartLocationID), 0);
     std::fill(std::begin(g_ListUutLocationID), std::end(g_ListUutLocationID), 0);
   }
-  ~UsbBusTest() override {
-    brakwell::platform::set_alert_sink(nullptr, nullptr);
-    platform_usb::shutdown();
-  }
+  ~UsbBusTest() override { platform_usb::shutdown(); }
   sim::UsbDevice& ftdi(const std::string& portPath, const std::string& name) {
     return bus.add({portPath, 0x0403, 0x6001, name, "FT1", 0, {}});
   }
@@ -325,39 +320,6 @@ TEST_F(UsbBusTest, SiblingOrAPrivateReportButNeverThroughALink) {
   each_name([&](const std::string& name) { fs::exists(name) ? after.push_back(name) : void(); });
   EXPECT_EQ(after, files);
   each_name(remove);
-}
-
-TEST_F(UsbBusTest, DioModuleGoneInTheMiddleOfTheDebounce) {
-  Lines alerts;
-  brakwell::platform::set_alert_sink(
-      [](const char* title, const char* message, const char*, void* self) {
-        static_cast<Lines*>(self)->push_back(std::string(title) + ": " + message);
-      },
-      &alerts);
-  uint32_t value = 0;
-  sim::DioModule module(bus, 0);
-  ASSERT_EQ(openUSB(0), 1);
-  ASSERT_EQ(dioOpen(0), 1);
-  // Channels whose pipe numbers overflow, registers outside the shadow: refused, nothing sent.
-  const size_t transfers = module.transfers();
-  unsigned char buffer[16] = {};
-  for (int bad : {-1, 100, INT_MIN, INT_MAX}) {
-    EXPECT_EQ(readFromEndpt(0, bad, buffer, 10) + writeToEndpt(0, bad, buffer, 3), 0) << bad;
-    EXPECT_EQ(dioWrite(0, bad, "0x01"), 0) << bad;
-  }
-  EXPECT_EQ(module.transfers(), transfers);
-  // The module leaves on the sixth transfer: the third status read of the debounce. The sensor
-  // reads as all open, and from then on the board ID fails at once, silently, with no second
-  // alert.
-  module.script_status({0x47});
-  module.vanish_at_transfer(6);
-  EXPECT_EQ(dioReadSensor(0, &value), 0);
-  EXPECT_EQ(value, 0xFFu);
-  log.clear();
-  EXPECT_FALSE(testing_support::takes(0, 0.5, [&] { return SOC_BoardID(0, &value); }));
-  EXPECT_EQ(value, 255u);
-  EXPECT_TRUE(log.syslog().empty());
-  EXPECT_EQ(alerts, Lines{"USB Error: USB Connection to DFU DIO_01 Module is broken!"});
 }
 
 }  // namespace

@@ -161,9 +161,8 @@ TEST_F(AppleList, ThirteenArrivalsOnlyTerminationRemovesThenRemoveAll) {
   ASSERT_TRUE(wait_until(
       [&] { return log.has("Apple Device removed. Device Name:iPhone locationID: 0x13d0000"); }));
   log.clear();
-  for (uint32_t message : {0u, 0xE0000011u, 0xE0000100u, 0xE0000300u}) {
+  for (uint32_t message : {0u, 0xE0000011u, 0xE0000100u, 0xE0000300u})
     usbDeviceRemoval(g_pListAppleDev[0], nullptr, message, nullptr);
-  }
   usbDeviceRemoval(nullptr, nullptr, 0xE0000010, nullptr);
   EXPECT_EQ(listed().size(), 12u);
   EXPECT_TRUE(log.syslog().empty());
@@ -251,9 +250,8 @@ TEST_F(AppleList, ArmedAgainAndAgainByTheHostAndAcrossAFork) {
   auto devices = brakwell::usb::matching_devices(kApple, kUnit);
   ASSERT_TRUE(devices && devices->size() == 1);
   devices->push_back(nullptr);
-  for (intptr_t context : {0, 0, 7, 7}) {
+  for (intptr_t context : {0, 0, 7, 7})
     usbDeviceArrival(reinterpret_cast<void*>(context), devices->data());
-  }
   devices->pop_back();
   brakwell::usb::release_devices(*devices);
   EXPECT_EQ(listed(), (Ids{0x1310000, 0x1310000, 0x1310000, 0x1310000, 0x1310000}));

@@ -176,7 +176,6 @@ INSTANTIATE_TEST_SUITE_P(Rows, UartLocation, ::testing::Values(
               "idx1 for 1-4 is 6", "Error strLen1:0, strLen2:0", "idx2 for 5-8 is -1",
               "usblocation is 0x14521300,0x14522300,,,,,,"}, true},
     UartCase{"NoUart", 0, {}, "error", {"usblocation is ,,,,,,,"}},
-    UartCase{"OneWell", 4, {}, "0x1113000,0x1123000,0x1133000,0x1143000,,,,"},
     UartCase{"WholeFixtureBesideNearMisses", 8,
              {{"1-3.1", "USB UART12"}, {"1-3.2", "My USB UART3"}, {"1-3.3", "USB UART3 "}},
              "0x1113000,0x1123000,0x1133000,0x1143000,0x1213000,0x1223000,0x1233000,0x1243000",

@@ -133,8 +133,8 @@ TEST_F(Dio, OpenFailuresAndClose) {
 }
 
 // The request's bytes; then the module leaves: the request fails with its line, and neither
-// closeUSB nor an openUSB that finds nothing gives up its handle, so its pipes fail aloud until a
-// fresh open replaces it.
+// closeUSB nor an openUSB that finds nothing gives up its handle, so its pipes fail aloud (until a
+// fresh open replaces it: the broken-link rows after the first).
 TEST_F(Dio, VendorRequestAndAModuleThatLeft) {
   EXPECT_EQ(vendorRequest(0, 1), 0);
   sim::DioModule& module = open(0);
@@ -158,10 +158,6 @@ TEST_F(Dio, VendorRequestAndAModuleThatLeft) {
                                  "VELMORA: USB Read: unable to do usb read to pipe1. Error Code: "
                                  "fffffffc\n"}));
   EXPECT_EQ(alerts, kBroken);
-  unplug(0);
-  sim::DioModule& again = open(0);
-  EXPECT_EQ(writeToEndpt(0, 1, kStatusFrame, 3), 1);
-  EXPECT_EQ(again.frames(), (Frames{{0x02, 0x03, 0x02}}));
 }
 
 // A link that breaks in the middle of a write, of a read, or of the debounce's third status read

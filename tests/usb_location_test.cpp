@@ -19,14 +19,6 @@ namespace fs = std::filesystem;
 namespace platform_usb = brakwell::platform::usb;
 using testing_support::Lines;
 
-// The report file of UART 1 stamped at t.
-std::string report_path(std::time_t t) {
-  char path[40];
-  std::tm local{};
-  std::strftime(path, sizeof path, "/tmp/VEL_USB_UUT1_%y%m%d-%H%M%S", localtime_r(&t, &local));
-  return path;
-}
-
 // Product names and locations of the devices with these ids, in the order libusb lists them.
 std::vector<std::pair<std::string, uint32_t>> listed_names(long vendor, long product) {
   std::vector<std::pair<std::string, uint32_t>> names;
@@ -264,11 +256,13 @@ TEST_F(UsbBusTest, SiblingOrAPrivateReportButNeverThroughALink) {
   g_ListUartLocationID[0] = 0x14521100;
   g_ListUutLocationID[0] = 0x1223000;
   g_ListUutLocationID[3] = 0x1113000;
-  const std::time_t now = std::time(nullptr);
-  const auto each_name = [now](auto f) {  // of a report stamped in these seconds
-    for (std::time_t t = now - 1; t <= now + 5; ++t) f(report_path(t));
-  };
-  const auto remove = [](const std::string& name) { fs::remove(name); };
+  std::vector<std::string> names;  // of UART 1's report stamped in these seconds
+  for (std::time_t t = std::time(nullptr) - 1, end = t + 6; t <= end; ++t) {
+    char path[40];
+    std::tm local{};
+    std::strftime(path, sizeof path, "/tmp/VEL_USB_UUT1_%y%m%d-%H%M%S", localtime_r(&t, &local));
+    names.push_back(path);
+  }
   const std::string path = getenv("PATH"), bin = "/tmp/brakwell-bin-" + std::to_string(getpid());
   const std::string target = bin + "-target";
   fs::create_directories(bin);
@@ -276,7 +270,7 @@ TEST_F(UsbBusTest, SiblingOrAPrivateReportButNeverThroughALink) {
   fs::permissions(bin + "/lsusb", fs::perms::owner_all);
   setenv("PATH", (bin + ":" + path).c_str(), 1);
   std::ofstream(target) << "keep";
-  each_name([&](const std::string& name) { fs::create_symlink(target, name); });
+  for (const auto& name : names) fs::create_symlink(target, name);
   for (bool linked : {true, false}) {  // every name a link, then none
     log.clear();
     EXPECT_EQ(usbUartSiblingLocationID(0), 0u);
@@ -286,7 +280,8 @@ TEST_F(UsbBusTest, SiblingOrAPrivateReportButNeverThroughALink) {
               (Lines{"Can't find sibling for UART (location:0x14521100)",
                      "Apple Device Location ID Found:0x1223000",
                      "Apple Device Location ID Found:0x1113000"}));
-    if (linked) each_name(remove);
+    if (linked)
+      for (const auto& name : names) fs::remove(name);
   }
   setenv("PATH", path.c_str(), 1);
   fs::remove_all(bin);
@@ -295,7 +290,7 @@ TEST_F(UsbBusTest, SiblingOrAPrivateReportButNeverThroughALink) {
   EXPECT_EQ(kept, "keep");
   fs::remove(target);
   std::vector<std::string> files;
-  each_name([&](const std::string& name) { fs::exists(name) ? files.push_back(name) : void(); });
+  for (const auto& name : names) fs::exists(name) ? files.push_back(name) : void();
   ASSERT_EQ(files.size(), 1u);
   EXPECT_EQ(fs::status(files[0]).permissions(), fs::perms::owner_read | fs::perms::owner_write);
   std::ifstream in(files[0]);
@@ -316,9 +311,9 @@ TEST_F(UsbBusTest, SiblingOrAPrivateReportButNeverThroughALink) {
              "No locationID for USB UART41. Please check for existence of USB UART41",
              "No locationID for USB UART0. Please check for existence of USB UART0"}));
   std::vector<std::string> after;
-  each_name([&](const std::string& name) { fs::exists(name) ? after.push_back(name) : void(); });
+  for (const auto& name : names) fs::exists(name) ? after.push_back(name) : void();
   EXPECT_EQ(after, files);
-  each_name(remove);
+  for (const auto& name : names) fs::remove(name);
 }
 
 }  // namespace

@@ -1,6 +1,4 @@
-// The USB DIO module driver against virtual modules: opening and closing, the pipes and the
-// vendor request, a link that breaks and a module that leaves, the register frames, the sensor
-// debounce and the board id. Bad module numbers are station_bad_input_test's.
+// The USB DIO module driver against virtual modules (bad module numbers: station_bad_input_test).
 #include <gtest/gtest.h>
 #include <unistd.h>
 

@@ -1,5 +1,4 @@
-// The Apple-device live list and history: arrivals and removals from the event thread, the host's
-// calls, a full list, storms, tracking armed again and again, a forked child, a failed start.
+// The Apple-device live list and its history, kept by the event thread and the host's calls.
 #include <Brakwell.h>
 #include <gtest/gtest.h>
 #include <signal.h>

@@ -1,5 +1,4 @@
-// USB devices by vendor and product: names and cable kind, location IDs, the UART-to-UUT
-// locations and the operator's report.
+// USB devices by vendor and product: names, cable kind, locations, the operator's report.
 #include <Brakwell.h>
 #include <gtest/gtest.h>
 #include <unistd.h>

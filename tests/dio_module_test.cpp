@@ -286,7 +286,7 @@ TEST_F(Dio, WriteTexts) {
   for (const auto& [text, want] : numbers) EXPECT_EQ(strToInt(text), want) << (text ? text : "");
 }
 
-TEST_F(Dio, SensorDebounce) {
+TEST_F(Dio, SensorDebounceAndBoardId) {
   // Module, status bytes, result, sensors, status reads, the change line if any.
   const std::string left = "VELMORA: Left Well Sensor state changed, rdData: 0x",
                     right = "VELMORA: Right Well Sensor state changed, rdData: 0x";
@@ -314,17 +314,14 @@ TEST_F(Dio, SensorDebounce) {
     EXPECT_LT(times.back() - times.front(), 1.0);
     EXPECT_EQ(log.syslog(), change.empty() ? Lines{} : Lines{change});
   }
-}
-
-TEST_F(Dio, BoardId) {
-  // Status bytes, opened, result, id, status reads.
+  // The board id of module 0: status bytes, opened, result, id, status reads.
   // clang-format off
-  const std::tuple<Bytes, bool, bool, uint32_t, size_t> cases[] = {
+  const std::tuple<Bytes, bool, bool, uint32_t, size_t> ids[] = {
       {{0xa3, 0xa3}, true, true, 10, 2}, {{0xf0}, true, false, 15, 1}, {{0x03}, true, false, 0, 1},
       {{0xa3, 0xb3}, true, false, 10, 2}, {{0xa3}, false, false, 255, 0}};
   // clang-format on
-  sim::DioModule& module = open(0, true);
-  for (const auto& [status, opened, result, want, reads] : cases) {
+  sim::DioModule& module = *modules[0];
+  for (const auto& [status, opened, result, want, reads] : ids) {
     SCOPED_TRACE(status[0] + 256 * opened);
     module.script_status(status);
     dio::bDioOpened[0] = opened;

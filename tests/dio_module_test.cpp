@@ -1,9 +1,8 @@
-// The USB DIO module driver against virtual modules: opening and closing, the pipes and the
-// vendor request, a link that breaks and a module that leaves, the register frames, the sensor
-// debounce and the board id. Bad module numbers are station_bad_input_test's.
+// The USB DIO module driver against virtual modules (bad module numbers: station_bad_input_test).
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstring>
 #include <optional>
 
@@ -132,8 +131,8 @@ TEST_F(Dio, OpenFailuresAndClose) {
 }
 
 // The request's bytes; then the module leaves: the request fails with its line, and neither
-// closeUSB nor an openUSB that finds nothing gives up its handle, so its pipes fail aloud until a
-// fresh open replaces it.
+// closeUSB nor an openUSB that finds nothing gives up its handle, so its pipes fail aloud (until a
+// fresh open replaces it: the broken-link rows after the first).
 TEST_F(Dio, VendorRequestAndAModuleThatLeft) {
   EXPECT_EQ(vendorRequest(0, 1), 0);
   sim::DioModule& module = open(0);
@@ -157,40 +156,43 @@ TEST_F(Dio, VendorRequestAndAModuleThatLeft) {
                                  "VELMORA: USB Read: unable to do usb read to pipe1. Error Code: "
                                  "fffffffc\n"}));
   EXPECT_EQ(alerts, kBroken);
-  unplug(0);
-  sim::DioModule& again = open(0);
-  EXPECT_EQ(writeToEndpt(0, 1, kStatusFrame, 3), 1);
-  EXPECT_EQ(again.frames(), (Frames{{0x02, 0x03, 0x02}}));
 }
 
-// A link that breaks in the middle of a write, then of a read: one log line, one alert, the
-// interface dropped. openUSB keeps the broken handle (refused as busy); later calls fail at once
+// A link that breaks in the middle of a write, of a read, or of the debounce's third status read
+// (the sensors read as all open): one log line, one alert, the interface dropped. openUSB keeps
+// the broken handle (refused as busy); later calls, the board id too, fail at once and silently
 // without a transfer, also once the module has left.
 TEST_F(Dio, BrokenLinkAlertsOnceAndSilencesThePipes) {
-  // Which transfer of the status command fails: 1 the write, 2 the read.
-  for (const auto& [failing, line] : std::initializer_list<std::pair<size_t, const char*>>{
-           {1, "VELMORA: USB Write: unable to do usb write to pipe2. Error Code: ffffffff\n"},
-           {2, "VELMORA: USB Read: unable to do usb read to pipe1. Error Code: ffffffff\n"}}) {
-    SCOPED_TRACE(line);
+  const char* const read =
+      "VELMORA: USB Read: unable to do usb read to pipe1. Error Code: ffffffff\n";
+  // Which transfer fails, and the value the call leaves.
+  for (const auto& [failing, left, line] :
+       std::initializer_list<std::tuple<size_t, uint32_t, const char*>>{
+           {1, 0, "VELMORA: USB Write: unable to do usb write to pipe2. Error Code: ffffffff\n"},
+           {2, 0, read},
+           {6, 0xff, read}}) {
+    SCOPED_TRACE(failing);
     sim::DioModule& module = open(0, true);
     alerts.clear();
     dio::reg[0][2] = 0x33;
+    module.script_status({0x47});
     module.vanish_at_transfer(failing);
-    uint32_t status = 7;
-    EXPECT_EQ(dioStatus(0, &status), 0);
-    EXPECT_EQ(status, 0u);
+    uint32_t value = 7;
+    EXPECT_EQ(failing < 6 ? dioStatus(0, &value) : dioReadSensor(0, &value), 0);
+    EXPECT_EQ(value, left);
     EXPECT_EQ(openUSB(0), 1);
     EXPECT_EQ(log.stdout_lines(), Lines{"dealWithDevice: unable to open device. ret = fffffffa\n"});
     EXPECT_FALSE(dio::modules[0].hasInterface);
     const size_t transfers = module.transfers();
     unsigned char buffer[10] = {};
-    for (bool left : {false, true}) {
-      if (left) module.vanish();
+    for (bool gone : {false, true}) {
+      if (gone) module.vanish();
       const double start = brakwell::platform::monotonic_seconds();
-      EXPECT_EQ(
-          readFromEndpt(0, 1, buffer, 10) + writeToEndpt(0, 1, buffer, 3) + dioWrite(0, 2, "0x44"),
-          0);
+      EXPECT_EQ(readFromEndpt(0, 1, buffer, 10) + writeToEndpt(0, 1, buffer, 3) +
+                    dioWrite(0, 2, "0x44") + SOC_BoardID(0, &value),
+                0);
       EXPECT_LT(brakwell::platform::monotonic_seconds() - start, 0.05);
+      EXPECT_EQ(value, 255u);
     }
     EXPECT_EQ(dio::reg[0][2], 0x33);
     EXPECT_EQ(module.transfers(), transfers);
@@ -239,11 +241,16 @@ TEST_F(Dio, RegisterFramesOpenReadStatusClose) {
   EXPECT_EQ(value, 0x47u);
   unsigned char buffer[64] = {};
   EXPECT_EQ(readFromEndpt(0, 1, buffer, 1), 1);  // ten bytes whatever the size
-  // Refused without a transfer: no channel 0, no pipe 3, no register 16, no buffer, no text.
+  // Refused without a transfer: no channel 0, no pipe 3, no buffer, no text, no register or
+  // channel 16, none whose pipe number overflows.
   EXPECT_EQ(writeToEndpt(0, 0, buffer, 3) + readFromEndpt(0, 2, buffer, 10) +
-                readFromEndpt(0, 1, nullptr, 10) + dioWrite(0, 16, "0x01") +
-                dioWrite(0, 2, nullptr),
+                readFromEndpt(0, 1, nullptr, 10) + dioWrite(0, 2, nullptr),
             0);
+  for (int bad : {16, -1, 100, INT_MIN, INT_MAX})
+    EXPECT_EQ(readFromEndpt(0, bad, buffer, 10) + writeToEndpt(0, bad, buffer, 3) +
+                  dioWrite(0, bad, "0x01"),
+              0)
+        << bad;
   EXPECT_EQ(module.read_lengths(), (std::vector<size_t>{10, 10, 10}));
   for (int r : {1, 3, 10}) dio::reg[0][r] = 0x77;
   resetAllRegisters2(0);  // leaves 1, 3 and 10 alone
@@ -279,20 +286,18 @@ TEST_F(Dio, WriteTexts) {
   for (const auto& [text, want] : numbers) EXPECT_EQ(strToInt(text), want) << (text ? text : "");
 }
 
-TEST_F(Dio, SensorDebounce) {
+TEST_F(Dio, SensorDebounceAndBoardId) {
   // Module, status bytes, result, sensors, status reads, the change line if any.
-  const std::tuple<int, Bytes, int, uint32_t, size_t, const char*> cases[] = {
-      {0, {0x47}, 1, 0x07, 5, nullptr},              // steady
-      {0, {0x07, 0x03, 0x07}, 1, 0x07, 6, nullptr},  // one glitch
-      {0,
-       {5, 6, 5, 5, 5, 6, 5, 5, 5, 6, 5, 5, 5, 6},
-       0,
-       0xff,
-       13,  // bouncing
-       "VELMORA: Left Well Sensor state changed, rdData: 0x5"},
-      {1, {0x01, 0x02}, 0, 0xff, 13, "VELMORA: Right Well Sensor state changed, rdData: 0x1"},
-      {1, {0x02}, 1, 0x02, 5, "VELMORA: Right Well Sensor state changed, rdData: 0x2"},  // next
-  };
+  const std::string left = "VELMORA: Left Well Sensor state changed, rdData: 0x",
+                    right = "VELMORA: Right Well Sensor state changed, rdData: 0x";
+  // clang-format off
+  const std::tuple<int, Bytes, int, uint32_t, size_t, std::string> cases[] = {
+      {0, {0x47}, 1, 0x07, 5, ""},              // steady
+      {0, {0x07, 0x03, 0x07}, 1, 0x07, 6, ""},  // one glitch
+      {0, {5, 6, 5, 5, 5, 6, 5, 5, 5, 6, 5, 5, 5, 6}, 0, 0xff, 13, left + "5"},  // bouncing
+      {1, {0x01, 0x02}, 0, 0xff, 13, right + "1"},
+      {1, {0x02}, 1, 0x02, 5, right + "2"}};  // the next call
+  // clang-format on
   open(0, true);
   open(1, true);
   int row = 0;
@@ -307,20 +312,16 @@ TEST_F(Dio, SensorDebounce) {
     ASSERT_EQ(times.size(), reads);
     EXPECT_GE(times.back() - times.front(), 0.001 * static_cast<double>(reads - 1));
     EXPECT_LT(times.back() - times.front(), 1.0);
-    EXPECT_EQ(log.syslog(), change ? Lines{change} : Lines{});
+    EXPECT_EQ(log.syslog(), change.empty() ? Lines{} : Lines{change});
   }
-}
-
-TEST_F(Dio, BoardId) {
-  // Status bytes, opened, result, id, status reads.
-  const std::tuple<Bytes, bool, bool, uint32_t, size_t> cases[] = {
-      {{0xa3, 0xa3}, true, true, 10, 2},
-      {{0xf0}, true, false, 15, 1},
-      {{0x03}, true, false, 0, 1},
-      {{0xa3, 0xb3}, true, false, 10, 2},
-      {{0xa3}, false, false, 255, 0}};
-  sim::DioModule& module = open(0, true);
-  for (const auto& [status, opened, result, want, reads] : cases) {
+  // The board id of module 0: status bytes, opened, result, id, status reads.
+  // clang-format off
+  const std::tuple<Bytes, bool, bool, uint32_t, size_t> ids[] = {
+      {{0xa3, 0xa3}, true, true, 10, 2}, {{0xf0}, true, false, 15, 1}, {{0x03}, true, false, 0, 1},
+      {{0xa3, 0xb3}, true, false, 10, 2}, {{0xa3}, false, false, 255, 0}};
+  // clang-format on
+  sim::DioModule& module = *modules[0];
+  for (const auto& [status, opened, result, want, reads] : ids) {
     SCOPED_TRACE(status[0] + 256 * opened);
     module.script_status(status);
     dio::bDioOpened[0] = opened;

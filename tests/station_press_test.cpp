@@ -1,6 +1,6 @@
 // The pneumatic press, the operator buttons and sensors, and the Run key chord: the press cycle
-// against scripted statuses and against the well model with an operator, its time limits, the
-// truth rules of every status test, and the events on the virtual keyboard.
+// against scripted statuses, its time limits, the truth rules of every status test, and the
+// events on the virtual keyboard.
 #include <linux/input-event-codes.h>
 
 #include <cmath>

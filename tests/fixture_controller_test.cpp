@@ -32,8 +32,7 @@ std::ostream& operator<<(std::ostream& out, const Write& w) {
   return out << w.uut << ":" << (w.ok ? "" : "!") << w.command.substr(0, w.command.find('\n'));
 }
 
-// The lines of one UUT, each a name and the pause after it: "vusb_off S, vbatt_off L" is
-// "vel_vusb_off\n", 0.01 s, "vel_vbatt_off\n", 1.0 s. Pauses: 0, S, 2S, L.
+// One UUT's lines and the pause after each: "vusb_off S, vbatt_off L" (pauses 0, S, 2S, L = 1 s).
 Writes seq(int uut, const std::string& steps) {
   Writes out;
   std::istringstream in(steps);
@@ -57,8 +56,7 @@ Writes four(int first, const std::string& steps, Writes (*each)(int, const std::
   return w;
 }
 
-// Expected traffic, written out from the sequences as the boards must see them: the power-off,
-// then the boot mode's steps for ON or OFF.
+// A boot mode: the power-off, then its steps for ON or OFF.
 const std::string kPowerOff = "vusb_off S, batt_supercap_disconn S, vbatt_off L";
 // clang-format off
 const std::map<std::string, std::string> kBootSteps = {
@@ -110,8 +108,7 @@ Writes writes(const testing_support::LogCapture& log) {
   return out;
 }
 
-// A row: the call, its own log lines (without "VELMORA: "), the lines it writes in order, its
-// result and its least time (default: the sum of all pauses).
+// Own log lines without "VELMORA: "; least time by default the sum of all pauses.
 struct Row {
   std::string name;
   std::function<int()> call;

@@ -31,7 +31,6 @@ TEST(Fixturesim, ExitStatusAndArgumentErrors) {
       {2, {"--trace", "/proc/t", "--", "true"}, "--trace: cannot write /proc/t: No such file or directory"},
       {2, {"--serial-number", "X", "--", "/no/p"}, "--serial-number: cannot find /no/p"},
       {2, {"--config", "/no", "--", "true"}, "--config: File does not exist: /no"},
-      {0, {"--quiet", "--", "true"}, ""},
       {7, {"--quiet", "--", "sh", "-c", "exit 7"}, ""},
       {128 + 15, {"--quiet", "--", "sh", "-c", "kill -TERM $$"}, ""},
       {127, {"--quiet", "--", "/no/p"}, "fixturesim: cannot run /no/p: No such file or directory\n"},

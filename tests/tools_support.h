@@ -14,7 +14,6 @@
 
 namespace tools_test {
 
-// A directory of its own under the system's temporary directory, removed with its contents.
 struct ScratchDir {
   std::string path = [] {
     std::string p = std::filesystem::temp_directory_path() / "brakwell-tools-XXXXXX";

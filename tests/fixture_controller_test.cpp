@@ -81,9 +81,6 @@ Writes boot(const std::string& mode, int u, bool on) {
 }
 const std::string kPowerOn =
     "hi5_enable 0, hi5_enable 0, hi5_enter_recovery S, accid_on S, set_vbatt_4100 S, vbatt_on";
-Writes power_one(int u, bool on) {
-  return seq(u, on ? kPowerOn + " 0, batt_supercap_conn S, vusb_on 0" : kPowerOff);
-}
 // set_dut_power_all: each UUT's supercap line goes to the UUT before it (u - 1); on the first
 // well that is index -1, a failed write that ends the call. `steps`: "ON", "OFF" or the failure.
 Writes power_all(int u, const std::string& steps) {
@@ -117,14 +114,12 @@ struct Row {
   int result = 0;
   double least = -1;
 };
+
 void PrintTo(const Row& r, std::ostream* out) { *out << r.name; }
 
 template <typename Call, typename... Args>
 std::function<int()> on(int well, Call call, Args... args) {
   return [=] { return int(call(StationFixture::wells[well], args...)); };
-}
-std::function<int()> with_closed(int uut, std::function<int()> call) {
-  return [=] { return closed({uut}, call); };
 }
 // Status 43: buttons released, plate down, fixture closed.
 std::function<int()> at_43(bool (*query)(FixtureController*)) {
@@ -175,8 +170,9 @@ const Row kRows[] = {
      boot("iboot", 3, 0)},
     {"iboot_on", on(1, set_force_iboot, 0, 2), {"set_force_iboot ON for UUT:6"},
      boot("iboot", 6, 1)},
-    {"power_off", on(1, set_dut_power, 1, 2), {kPower + "1 for UUT:6"}, power_one(6, false)},
-    {"power_on_any", on(1, set_dut_power, 2, 3), {kPower + "2 for UUT:7"}, power_one(7, true)},
+    {"power_off", on(1, set_dut_power, 1, 2), {kPower + "1 for UUT:6"}, seq(6, kPowerOff)},
+    {"power_on_any", on(1, set_dut_power, 2, 3), {kPower + "2 for UUT:7"},
+     seq(7, kPowerOn + " 0, batt_supercap_conn S, vusb_on 0")},
     {"usb_power_off", on(0, set_usb_power, 1, 2), {"set_usb_power, UUT2"}, seq(2, "vusb_off 0")},
     {"usb_power_on", on(1, set_usb_power, 2, 1), {"set_usb_power, UUT5"}, seq(5, "vusb_on 0")},
     {"battery_off", on(1, set_battery_power, 1, 4), {"set_battery_power, UUT:8"},
@@ -221,11 +217,12 @@ const Row kRows[] = {
     {"is_open", at_43(is_fixture_open), {"is_fixture_opened for WELL:2"}, kStatus, 0, 0.31},
     // Site 2's port closed: a sequence stops at its first failed write, the LEDs of the well at
     // theirs; press moves never report a failed site.
-    {"dfu_closed_site", with_closed(1, on(0, set_force_dfu, 0, 2)), {"set_force_dfu ON for UUT:2"},
-     seq(2, "!vusb_off 0"), -1},
-    {"led_all_closed_site", with_closed(1, on(0, set_led_state_all, 1)), {kAll + "1"},
-     seq(1, "pass_led_on S") + seq(2, "!pass_led_on 0"), -1, 2 * S},
-    {"engage_closed_site", with_closed(1, on(0, fixture_engage)), {"fixture_engage, WELL:1"},
+    {"dfu_closed_site", [] { return closed({1}, on(0, set_force_dfu, 0, 2)); },
+     {"set_force_dfu ON for UUT:2"}, seq(2, "!vusb_off 0"), -1},
+    {"led_all_closed_site", [] { return closed({1}, on(0, set_led_state_all, 1)); },
+     {kAll + "1"}, seq(1, "pass_led_on S") + seq(2, "!pass_led_on 0"), -1, 2 * S},
+    {"engage_closed_site", [] { return closed({1}, on(0, fixture_engage)); },
+     {"fixture_engage, WELL:1"},
      seq(1, "~pne_down S") + seq(3, "~pne_down S") + seq(4, "~pne_down S"), 0, 4 * S},
 };
 // clang-format on

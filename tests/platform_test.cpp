@@ -1,4 +1,4 @@
-// The platform layer's log text, sleeps and child programs.
+// The platform layer's sleeps and child programs. (Its log text is every suite's.)
 #include "platform/platform.h"
 
 #include <gtest/gtest.h>
@@ -12,12 +12,6 @@ namespace {
 
 using namespace brakwell::platform;
 using testing_support::takes;
-
-TEST(Platform, LogTextPlaceholderAndPercentSigns) {
-  testing_support::LogCapture capture;
-  log("%d%% %@", 100, "done\n");
-  EXPECT_EQ(capture.syslog(), testing_support::Lines{"100% done\n"});
-}
 
 // Never short: every pause the suites time checks that.
 TEST(Platform, SleepNothingForNonPositive) {

@@ -78,7 +78,6 @@ TEST(Fixturesim, RunsTheProgramInsideTheConfiguredFixtureAndCleansUp) {
   const std::string trace = tools_test::read_file(dir / "t.trace");
   EXPECT_NE(trace.find("usb       1-4=add"), std::string::npos) << trace;
   EXPECT_NE(trace.find("site2     unplugged=1"), std::string::npos);
-  EXPECT_TRUE(tools_test::read_vcd(dir / "w.vcd").ok);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// For the tests of fixturesim and fixturectl as programs: running one with its output captured,
-// a scratch directory, and a VCD reader.
+// Running fixturesim and fixturectl as programs, and reading the VCD files they write.
 #pragma once
 
 #include <sys/wait.h>

@@ -345,29 +345,17 @@ TEST_F(Handle, NullHandleAnswers) {
   // Eighteen calls answer -1, then the four press queries false.
   std::vector<int> want(18, -1);
   want.resize(22, 0);
-  EXPECT_EQ((std::vector<int>{get_site_count(nullptr),
-                              get_actuator_count(nullptr),
-                              init(nullptr),
-                              reset(nullptr),
-                              fixture_engage(nullptr),
-                              fixture_disengage(nullptr),
-                              fixture_close(nullptr),
-                              fixture_open(nullptr),
-                              actuator_for_site(nullptr, 1),
-                              set_led_state_all(nullptr, 1),
-                              set_dut_power_all(nullptr, 1),
-                              set_led_state(nullptr, 1, 1),
-                              set_usb_power(nullptr, 1, 1),
-                              set_battery_power(nullptr, 1, 1),
-                              set_force_dfu(nullptr, 1, 1),
-                              set_force_diags(nullptr, 1, 1),
-                              set_force_iboot(nullptr, 1, 1),
-                              set_dut_power(nullptr, 1, 1),
-                              is_fixture_engaged(nullptr),
-                              is_fixture_disengaged(nullptr),
-                              is_fixture_closed(nullptr),
-                              is_fixture_open(nullptr)}),
-            want);
+  // clang-format off
+  EXPECT_EQ((std::vector<int>{
+      get_site_count(nullptr), get_actuator_count(nullptr), init(nullptr), reset(nullptr),
+      fixture_engage(nullptr), fixture_disengage(nullptr), fixture_close(nullptr),
+      fixture_open(nullptr), actuator_for_site(nullptr, 1), set_led_state_all(nullptr, 1),
+      set_dut_power_all(nullptr, 1), set_led_state(nullptr, 1, 1), set_usb_power(nullptr, 1, 1),
+      set_battery_power(nullptr, 1, 1), set_force_dfu(nullptr, 1, 1),
+      set_force_diags(nullptr, 1, 1), set_force_iboot(nullptr, 1, 1), set_dut_power(nullptr, 1, 1),
+      is_fixture_engaged(nullptr), is_fixture_disengaged(nullptr), is_fixture_closed(nullptr),
+      is_fixture_open(nullptr)}), want);
+  // clang-format on
   EXPECT_EQ(log.syslog(), (Lines{"VELMORA: get_version, returning UNKNOWN",
                                  "VELMORA: init..., invalid controller."}));
 }

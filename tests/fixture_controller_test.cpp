@@ -1,8 +1,5 @@
-// The controller against a virtual station: the handle (start, identity, geometry, the calls that
-// only log, a null handle) and the sequences (power and boot modes, LEDs, press moves and
-// sensors, init). A sequence row checks each board's lines, the order and UUT of every write and
-// the pause after it (timed from the outcome line the calling thread logs right after each
-// write), the call's own log lines, the total time, and where a failure stops the sequence.
+// The controller against a virtual station: the handle calls and the sequences. Pauses are timed
+// from the outcome line the calling thread logs right after each write.
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -35,8 +32,7 @@ std::ostream& operator<<(std::ostream& out, const Write& w) {
   return out << w.uut << ":" << (w.ok ? "" : "!") << w.command.substr(0, w.command.find('\n'));
 }
 
-// The lines of one UUT, each a name and the pause after it: "vusb_off S, vbatt_off L" is
-// "vel_vusb_off\n", 0.01 s, "vel_vbatt_off\n", 1.0 s. Pauses: 0, S, 2S, L.
+// One UUT's lines and the pause after each: "vusb_off S, vbatt_off L" (pauses 0, S, 2S, L = 1 s).
 Writes seq(int uut, const std::string& steps) {
   Writes out;
   std::istringstream in(steps);
@@ -60,8 +56,7 @@ Writes four(int first, const std::string& steps, Writes (*each)(int, const std::
   return w;
 }
 
-// Expected traffic, written out from the sequences as the boards must see them: the power-off,
-// then the boot mode's steps for ON or OFF.
+// A boot mode: the power-off, then its steps for ON or OFF.
 const std::string kPowerOff = "vusb_off S, batt_supercap_disconn S, vbatt_off L";
 // clang-format off
 const std::map<std::string, std::string> kBootSteps = {
@@ -86,9 +81,6 @@ Writes boot(const std::string& mode, int u, bool on) {
 }
 const std::string kPowerOn =
     "hi5_enable 0, hi5_enable 0, hi5_enter_recovery S, accid_on S, set_vbatt_4100 S, vbatt_on";
-Writes power_one(int u, bool on) {
-  return seq(u, on ? kPowerOn + " 0, batt_supercap_conn S, vusb_on 0" : kPowerOff);
-}
 // set_dut_power_all: each UUT's supercap line goes to the UUT before it (u - 1); on the first
 // well that is index -1, a failed write that ends the call. `steps`: "ON", "OFF" or the failure.
 Writes power_all(int u, const std::string& steps) {
@@ -113,8 +105,7 @@ Writes writes(const testing_support::LogCapture& log) {
   return out;
 }
 
-// A row: the call, its own log lines (without "VELMORA: "), the lines it writes in order, its
-// result and its least time (default: the sum of all pauses).
+// Own log lines without "VELMORA: "; least time by default the sum of all pauses.
 struct Row {
   std::string name;
   std::function<int()> call;
@@ -123,14 +114,12 @@ struct Row {
   int result = 0;
   double least = -1;
 };
+
 void PrintTo(const Row& r, std::ostream* out) { *out << r.name; }
 
 template <typename Call, typename... Args>
 std::function<int()> on(int well, Call call, Args... args) {
   return [=] { return int(call(StationFixture::wells[well], args...)); };
-}
-std::function<int()> with_closed(int uut, std::function<int()> call) {
-  return [=] { return closed({uut}, call); };
 }
 // Status 43: buttons released, plate down, fixture closed.
 std::function<int()> at_43(bool (*query)(FixtureController*)) {
@@ -181,8 +170,9 @@ const Row kRows[] = {
      boot("iboot", 3, 0)},
     {"iboot_on", on(1, set_force_iboot, 0, 2), {"set_force_iboot ON for UUT:6"},
      boot("iboot", 6, 1)},
-    {"power_off", on(1, set_dut_power, 1, 2), {kPower + "1 for UUT:6"}, power_one(6, false)},
-    {"power_on_any", on(1, set_dut_power, 2, 3), {kPower + "2 for UUT:7"}, power_one(7, true)},
+    {"power_off", on(1, set_dut_power, 1, 2), {kPower + "1 for UUT:6"}, seq(6, kPowerOff)},
+    {"power_on_any", on(1, set_dut_power, 2, 3), {kPower + "2 for UUT:7"},
+     seq(7, kPowerOn + " 0, batt_supercap_conn S, vusb_on 0")},
     {"usb_power_off", on(0, set_usb_power, 1, 2), {"set_usb_power, UUT2"}, seq(2, "vusb_off 0")},
     {"usb_power_on", on(1, set_usb_power, 2, 1), {"set_usb_power, UUT5"}, seq(5, "vusb_on 0")},
     {"battery_off", on(1, set_battery_power, 1, 4), {"set_battery_power, UUT:8"},
@@ -227,11 +217,12 @@ const Row kRows[] = {
     {"is_open", at_43(is_fixture_open), {"is_fixture_opened for WELL:2"}, kStatus, 0, 0.31},
     // Site 2's port closed: a sequence stops at its first failed write, the LEDs of the well at
     // theirs; press moves never report a failed site.
-    {"dfu_closed_site", with_closed(1, on(0, set_force_dfu, 0, 2)), {"set_force_dfu ON for UUT:2"},
-     seq(2, "!vusb_off 0"), -1},
-    {"led_all_closed_site", with_closed(1, on(0, set_led_state_all, 1)), {kAll + "1"},
-     seq(1, "pass_led_on S") + seq(2, "!pass_led_on 0"), -1, 2 * S},
-    {"engage_closed_site", with_closed(1, on(0, fixture_engage)), {"fixture_engage, WELL:1"},
+    {"dfu_closed_site", [] { return closed({1}, on(0, set_force_dfu, 0, 2)); },
+     {"set_force_dfu ON for UUT:2"}, seq(2, "!vusb_off 0"), -1},
+    {"led_all_closed_site", [] { return closed({1}, on(0, set_led_state_all, 1)); },
+     {kAll + "1"}, seq(1, "pass_led_on S") + seq(2, "!pass_led_on 0"), -1, 2 * S},
+    {"engage_closed_site", [] { return closed({1}, on(0, fixture_engage)); },
+     {"fixture_engage, WELL:1"},
      seq(1, "~pne_down S") + seq(3, "~pne_down S") + seq(4, "~pne_down S"), 0, 4 * S},
 };
 // clang-format on
@@ -269,7 +260,7 @@ struct Handle : StationFixture {
   }
 };
 
-TEST_F(Handle, CreateRecordsTheStationAndRelease) {
+TEST_F(Handle, CreateIdentityAndRelease) {
   dioOn1 = dioOn2 = true;  // the station start clears both before they are read
   FixtureController* h = create_fixture_controller(7);
   ASSERT_NE(h, nullptr);
@@ -280,22 +271,18 @@ TEST_F(Handle, CreateRecordsTheStationAndRelease) {
   log.clear();
   EXPECT_EQ(get_actuator_count(h), 2);
   EXPECT_EQ(get_site_count(h), 8);
-  release_fixture_controller(h);
-  EXPECT_EQ(log.syslog(), (Lines{"VELMORA: get_actuator_count for controller INDEX:7",
-                                 "VELMORA: get_site_count for controller INDEX:7",
-                                 "VELMORA: release_fixture_controller INDEX:7"}));
-}
-
-TEST_F(Handle, IdentityTexts) {
-  FixtureController h{0, 8, 2, 4};
   EXPECT_STREQ(get_vendor(), "Velmora Technologies");
-  EXPECT_STREQ(get_version(&h), "0.9");
+  EXPECT_STREQ(get_version(h), "0.9");
   for (auto [status, text] :
        {std::pair{0, "SUCCESS"}, {-1, "FAILURE"}, {1, "UNKNOWN"}, {-2, "UNKNOWN"}}) {
     EXPECT_STREQ(get_error_message(status), text) << status;
   }
-  EXPECT_EQ(log.syslog(), (Lines{"VELMORA: get_vendor, returning Velmora Technologies",
-                                 "VELMORA: get_version, returning 0.9"}));
+  release_fixture_controller(h);
+  EXPECT_EQ(log.syslog(), (Lines{"VELMORA: get_actuator_count for controller INDEX:7",
+                                 "VELMORA: get_site_count for controller INDEX:7",
+                                 "VELMORA: get_vendor, returning Velmora Technologies",
+                                 "VELMORA: get_version, returning 0.9",
+                                 "VELMORA: release_fixture_controller INDEX:7"}));
 }
 
 TEST_F(Handle, SerialNumberFileBesideTheExecutable) {
@@ -350,38 +337,28 @@ TEST_F(Handle, SitesOfEachWell) {
 }
 
 #define NAMED(call) std::pair<const char*, decltype(&call)>(#call, &call)
-// A null handle: every call answers as the header says; only get_version and init log.
-TEST_F(Handle, NullHandleAnswers) {
+// A null handle: every call answers as the header says; only get_version and init log. The
+// signal calls log the UUT and succeed with a handle, for site 0 too: nothing is reached.
+TEST_F(Handle, NullHandleAndSignalCalls) {
   release_fixture_controller(nullptr);
-  EXPECT_STREQ(get_serial_number(nullptr), "UNKNOWN");
-  EXPECT_STREQ(get_version(nullptr), "UNKNOWN");
-  EXPECT_STREQ(get_usb_location(nullptr, 1), "error");
-  EXPECT_STREQ(get_uart_path(nullptr, 1), "error");
-  EXPECT_EQ(actuator_for_site(nullptr, 1), -1);
-  for (auto [name, call] : {NAMED(get_site_count), NAMED(get_actuator_count), NAMED(init),
-                            NAMED(reset), NAMED(fixture_engage), NAMED(fixture_disengage),
-                            NAMED(fixture_close), NAMED(fixture_open)}) {
-    EXPECT_EQ(call(nullptr), -1) << name;
-  }
-  for (auto [name, call] : {NAMED(is_fixture_engaged), NAMED(is_fixture_disengaged),
-                            NAMED(is_fixture_closed), NAMED(is_fixture_open)}) {
-    EXPECT_FALSE(call(nullptr)) << name;
-  }
-  EXPECT_EQ(set_led_state_all(nullptr, 1), -1);
-  EXPECT_EQ(set_dut_power_all(nullptr, 1), -1);
-  for (auto [name, call] :
-       {NAMED(set_led_state), NAMED(set_usb_power), NAMED(set_battery_power), NAMED(set_force_dfu),
-        NAMED(set_force_diags), NAMED(set_force_iboot), NAMED(set_dut_power)}) {
-    EXPECT_EQ(call(nullptr, 1, 1), -1) << name;
-  }
-  EXPECT_EQ(log.syslog(), (Lines{"VELMORA: get_version, returning UNKNOWN",
-                                 "VELMORA: init..., invalid controller."}));
-}
-
-// The signal calls fail for a null handle; with a handle they log the UUT and succeed, for
-// site 0 too: nothing is reached.
-TEST_F(Handle, SignalCallsLogAndSucceed) {
-  Lines want;
+  EXPECT_EQ((Lines{get_serial_number(nullptr), get_version(nullptr), get_usb_location(nullptr, 1),
+                   get_uart_path(nullptr, 1)}),
+            (Lines{"UNKNOWN", "UNKNOWN", "error", "error"}));
+  // Eighteen calls answer -1, then the four press queries false.
+  std::vector<int> answers(18, -1);
+  answers.resize(22, 0);
+  // clang-format off
+  EXPECT_EQ((std::vector<int>{
+      get_site_count(nullptr), get_actuator_count(nullptr), init(nullptr), reset(nullptr),
+      fixture_engage(nullptr), fixture_disengage(nullptr), fixture_close(nullptr),
+      fixture_open(nullptr), actuator_for_site(nullptr, 1), set_led_state_all(nullptr, 1),
+      set_dut_power_all(nullptr, 1), set_led_state(nullptr, 1, 1), set_usb_power(nullptr, 1, 1),
+      set_battery_power(nullptr, 1, 1), set_force_dfu(nullptr, 1, 1),
+      set_force_diags(nullptr, 1, 1), set_force_iboot(nullptr, 1, 1), set_dut_power(nullptr, 1, 1),
+      is_fixture_engaged(nullptr), is_fixture_disengaged(nullptr), is_fixture_closed(nullptr),
+      is_fixture_open(nullptr)}), answers);
+  // clang-format on
+  Lines want = {"VELMORA: get_version, returning UNKNOWN", "VELMORA: init..., invalid controller."};
   const auto check = [&](const std::string& name, auto call) {
     EXPECT_EQ(call(nullptr, 2), -1) << name;
     EXPECT_EQ(call(wells[1], 2), 0) << name;

@@ -1,5 +1,4 @@
-// For the tests of fixturesim and fixturectl as programs: running one with its output captured,
-// a scratch directory, and a VCD reader.
+// Running fixturesim and fixturectl as programs, and reading the VCD files they write.
 #pragma once
 
 #include <sys/wait.h>
@@ -14,7 +13,6 @@
 
 namespace tools_test {
 
-// A directory of its own under the system's temporary directory, removed with its contents.
 struct ScratchDir {
   std::string path = [] {
     std::string p = std::filesystem::temp_directory_path() / "brakwell-tools-XXXXXX";

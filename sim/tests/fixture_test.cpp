@@ -46,7 +46,6 @@ TEST(VirtualUnits, BootModeFollowsTheLinesAtPowerUp) {
   };
   const std::pair<const char*, std::optional<BootMode>> cases[] = {
       {"vusb_on", BootMode::Normal},  // one supply alone
-      {"vbatt_on", BootMode::Normal},
       {"forcedfu_on vbatt_on", BootMode::Dfu},
       {"hi5_enable hi5_enter_recovery vusb_on", BootMode::Recovery},
       {"hi5_enter_recovery hi5_enter_diag vusb_on", BootMode::Normal},  // diag overrides

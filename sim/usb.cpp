@@ -581,13 +581,6 @@ void UsbDevice::fail_strings(bool fail) {
   impl_->failStrings = fail;
 }
 
-bool UsbDevice::gone() const {
-  std::lock_guard lock(impl_->mutex);
-  return impl_->gone;
-}
-
-void UsbDevice::vanish() { bus_.remove(*this); }
-
 bool UsbDevice::answer_bulk_in(uint8_t endpoint, const std::vector<uint8_t>& data) {
   std::lock_guard lock(impl_->mutex);
   for (auto& u : impl_->urbs) {

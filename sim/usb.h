@@ -8,7 +8,7 @@
 //   REAPURBNDELAY), except a bulk IN transfer on a device without on_bulk: it stays pending until
 //   answer_bulk_in() answers it or the library cancels it (DISCARDURB), which is how a transfer
 //   that times out is made. A failed transfer completes with -EPROTO (libusb: I/O error); a
-//   vanished device fails every ioctl with ENODEV.
+//   removed device fails every ioctl with ENODEV.
 // - SETCONFIGURATION, CLAIMINTERFACE, RELEASEINTERFACE, SETINTERFACE, CLEAR_HALT and RESET
 //   succeed; GET_CAPABILITIES reports no packet size limit, so a bulk transfer is one URB.
 // - libusb with udev builds its device list from uevents, not from a fresh scan: a device added
@@ -84,8 +84,6 @@ class UsbDevice {
   std::function<bool(uint8_t endpoint, size_t length, std::vector<uint8_t>& data)> on_bulk;
 
   void fail_strings(bool fail);  // string-descriptor requests fail on demand
-  void vanish();  // gone from the bus: "remove" uevent, later transfers fail (ENODEV)
-  bool gone() const;
 
   // Answers the oldest pending bulk IN transfer on `endpoint` (only when on_bulk is unset);
   // false if none is pending.

@@ -262,6 +262,11 @@ TEST_F(AppleList, ArmedAgainAndAgainByTheHostAndAcrossAFork) {
         if (child != 0 || std::strncmp(text, "Apple Device added:", 19) != 0) return;
         std::fflush(nullptr);
         const pid_t pid = fork();
+    // Under ASan a child's exit after a fork from this busy process now and then never ends, in
+    // the sanitizer's own exit work; the plain build checks the exit path.
+#if defined(__SANITIZE_ADDRESS__)
+        if (pid == 0) _exit(0);
+#endif
         if (pid == 0) std::exit(0);
         child = pid;
       },

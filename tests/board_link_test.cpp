@@ -96,7 +96,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, LinkRows, ::testing::Values(
   Transcript{"Unplugged_board", [] {
       Link::board(2).unplug();
       return DIORS232Write(1, "vel_vusb_on\n", 12) ? 0 : queryFixtureStatusForWell2(1); },
-    -1, {}, Lines{"k != nlen", "k != nlen"}, 0, 0.05}),
+    -1, {}, Lines{"k != nlen", "k != nlen"}, 0, 0.25}),  // at once, not after 0.3 s
   testing_support::row_name);
 // clang-format on
 

@@ -1,5 +1,8 @@
 // The controller against a virtual station: the handle calls and the sequences. Pauses are timed
 // from the outcome line the calling thread logs right after each write.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -287,20 +290,30 @@ TEST_F(Handle, CreateIdentityAndRelease) {
 
 TEST_F(Handle, SerialNumberFileBesideTheExecutable) {
   const std::filesystem::path dir = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-  const std::string file = (dir / "FixtureSerialNumber.txt").string();
+  const std::string file = (dir / "FixtureSerialNumber.txt").string(), large(5000, '7');
+  const auto text = [&file](const std::string& content) {
+    return [&file, content] { std::ofstream(file, std::ios::binary) << content; };
+  };
   FixtureController h{1, 8, 2, 4};
-  // File content (nullptr: no file), then the answer. Blanks only are an empty serial number.
-  const std::pair<const char*, const char*> files[] = {{"  \tVEL-FX-0042 \r\n", "VEL-FX-0042"},
-                                                       {"SN 12\n\n", "SN 12"},
-                                                       {" \n\t ", ""},
-                                                       {"", "UNKNOWN"},
-                                                       {"VEL\xC3\xA9", "UNKNOWN"},
-                                                       {nullptr, "UNKNOWN"}};
-  for (const auto& [content, expected] : files) {
+  // How the file is made (none: no file), then the answer. Blanks only are an empty serial
+  // number; a FIFO must not hang the call, /dev/zero not exhaust memory; a large file is not read.
+  const std::pair<std::function<void()>, const char*> files[] = {
+      {text("  \tVEL-FX-0042 \r\n"), "VEL-FX-0042"},
+      {text("SN 12\n\n"), "SN 12"},
+      {text(" \n\t "), ""},
+      {text(""), "UNKNOWN"},
+      {text("VEL\xC3\xA9"), "UNKNOWN"},
+      {nullptr, "UNKNOWN"},
+      {[&] { ASSERT_EQ(mkfifo(file.c_str(), 0600), 0); }, "UNKNOWN"},
+      {[&] { ASSERT_EQ(symlink("/dev/zero", file.c_str()), 0); }, "UNKNOWN"},
+      {text(large), "UNKNOWN"}};
+  int row = 0;
+  for (const auto& [make, expected] : files) {
+    SCOPED_TRACE(row++);
     std::remove(file.c_str());
-    if (content) std::ofstream(file, std::ios::binary) << content;
+    if (make) make();
     log.clear();
-    EXPECT_STREQ(get_serial_number(&h), expected) << expected;
+    EXPECT_STREQ(get_serial_number(&h), expected);
     Lines want = {"VELMORA: get_serial_number INDEX:1",
                   "get_serial_number, serialNumberFileName is " + file};
     if (std::string(expected) == "UNKNOWN") want.push_back("Invalid Fixture Serial Number File");

@@ -1,11 +1,6 @@
-// A station's day: ports kept from programs the host starts, stalled boards, odd serial-number
-// files, forged log lines.
+// A station's day: ports kept from programs the host starts, stalled boards, forged log lines.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
 
 #include "support/station_fixture.h"
 #include "topology.h"
@@ -21,26 +16,6 @@ TEST_F(StationLife, PortsCloseOnExec) {
   for (int uut = 0; uut < 8; ++uut) {
     EXPECT_TRUE(fcntl(DIO_fileDescriptor[uut], F_GETFD) & FD_CLOEXEC) << "UUT index " << uut;
   }
-}
-
-TEST_F(StationLife, SerialNumberFileThatIsNoPlainFile) {
-  const auto dir = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-  const std::string file = (dir / "FixtureSerialNumber.txt").string();
-  FixtureController h{0, 8, 2, 4};
-  // A FIFO must not hang the call, /dev/zero must not exhaust memory, a large file is not read.
-  const std::function<void()> makers[] = {
-      [&] { ASSERT_EQ(mkfifo(file.c_str(), 0600), 0); },
-      [&] { ASSERT_EQ(symlink("/dev/zero", file.c_str()), 0); },
-      [&] { std::ofstream(file) << std::string(5000, '7'); },
-  };
-  for (const auto& make : makers) {
-    std::remove(file.c_str());
-    make();
-    log.clear();
-    EXPECT_STREQ(get_serial_number(&h), "UNKNOWN");
-    EXPECT_TRUE(log.has("Invalid Fixture Serial Number File"));
-  }
-  std::remove(file.c_str());
 }
 
 TEST_F(StationLife, DeviceStringsCannotForgeLogLines) {

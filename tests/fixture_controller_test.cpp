@@ -401,7 +401,7 @@ TEST_F(StationFixture, PneumaticValveCallsPassTheWellOn) {
   EXPECT_TRUE(PneumaticValveAutoOn(1, 2.5f));
   EXPECT_TRUE(log.has("VELMORA: PneumaticValveOn, WELL:1"));
   EXPECT_TRUE(log.has("VELMORA: PneumaticValveAutoOn, WELL:2"));
-  // The press lines belong to the station layer; let them all arrive before the next test.
+  // Let the press lines arrive before the next test.
   board(1).wait_lines(2, 1.0);
   board(5).wait_lines(3, 1.0);
 }

@@ -1,7 +1,5 @@
-// Bad input to the exported calls: UUT, well, site, module and pipe numbers far outside their
-// range, null and tiny buffers. The answer must be the documented one and nothing may reach a
-// board that should not. (Null handles, and the bad numbers and buffers that each area's own
-// suite tries, the signal calls' among them, are checked there only.)
+// UUT, well, site, module and pipe numbers far outside their range, null and tiny buffers: the
+// documented answer, and nothing reaches a board. (Each area's suite tries its own bad values.)
 #include <gtest/gtest.h>
 
 #include <climits>

@@ -19,9 +19,8 @@ thread_local long allocationsLeft = -1;  // -1: none fails
 // library's sleeps end in clock_nanosleep, which this program's own definition takes over.
 extern "C" int clock_nanosleep(clockid_t, int, const timespec*, timespec*) { return 0; }
 
-#pragma GCC diagnostic ignored \
-    "-Wmismatched-new-delete"  // the new and delete below pair malloc, free
 // Replaces the program's allocator, the static library's included: one allocation fails, once.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"  // they pair malloc and free
 void* operator new(std::size_t size) {
   if (allocationsLeft == 0) {
     allocationsLeft = -1;

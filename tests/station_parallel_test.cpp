@@ -15,9 +15,8 @@ constexpr int kRounds = 2;
 
 class Parallel : public testing_support::StationFixture {
  protected:
-  // One round of a site's work; the number of wrong sensor answers. The first well reads tray
-  // open and plate up, the second tray closed and plate up; a query that lost its reply reads
-  // -1, which answers false to both.
+  // One round of a site's work; the number of wrong sensor answers (a lost reply reads -1: false
+  // to both). The first well reads tray open and plate up, the second tray closed and plate up.
   static int site_round(int site) {
     FixtureController* h = wells[site > 4 ? 1 : 0];
     const int siteOfWell = (site - 1) % 4 + 1, uut = site - 1, well = site > 4 ? 1 : 0;
@@ -33,8 +32,7 @@ class Parallel : public testing_support::StationFixture {
     return wrong;
   }
 
-  // A site's own lines as the library wrote them (its well's status queries left out), timed at
-  // the write call; the boards' one reader may take a line some milliseconds late.
+  // A site's lines but its well's queries, timed at the write (the boards' reader may be late).
   static std::vector<sim::ReceivedLine> own_lines(int site) {
     std::vector<sim::ReceivedLine> out;
     for (const auto& line : sim::write_tap::lines(site - 1)) {
@@ -90,7 +88,6 @@ TEST_F(Parallel, EightSitesAtOnceAsEachAlone) {
       EXPECT_EQ(lines[i].text, reference[k].text) << i;
       EXPECT_GE(k > 0 ? lines[i].time - lines[i - 1].time : 1.0, pause[k] - 2e-4) << i;
     }
-    // And the board received every line whole, as written.
     std::string written;
     for (const auto& line : sim::write_tap::lines(site - 1)) written += line.text;
     EXPECT_EQ(board(site).received(), written);

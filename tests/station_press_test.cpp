@@ -1,6 +1,5 @@
-// The pneumatic press, the operator buttons and sensors, and the Run key chord: the press cycle
-// against scripted statuses, its time limits, the truth rules of every status test, and the
-// events on the virtual keyboard.
+// The pneumatic press against scripted statuses, the truth rules of every status test, and the Run
+// key chord's events on the virtual keyboard.
 #include <linux/input-event-codes.h>
 
 #include <cmath>
@@ -77,14 +76,10 @@ TEST_F(Press, CycleThroughEveryStateWithScriptedStatuses) {
   const char* lowering = "Waiting for UUT in position or any button released";
   const char* released = "Waiting for both buttons released";
   Lines want{"VELMORA: SOC_PneumaticValveOn WELL:1"};
-  for (const auto& [status, waiting] : std::vector<std::pair<int, const char*>>{{20, down},
-                                                                                {36, down},
-                                                                                {-1, ""},
-                                                                                {36, lowering},
-                                                                                {37, lowering},
-                                                                                {20, down},
-                                                                                {36, down},
-                                                                                {40, lowering}}) {
+  const std::pair<int, const char*> polls[] = {{20, down},     {36, down},     {-1, ""},
+                                               {36, lowering}, {37, lowering}, {20, down},
+                                               {36, down},     {40, lowering}};
+  for (const auto& [status, waiting] : polls) {
     for (auto& line : poll_log(status, waiting)) want.push_back(line);
   }
   want.insert(want.end(), {"VELMORA: SOC_PneumaticValveOn WELL:1, UUT in position",

@@ -1,6 +1,5 @@
-// UUT signal commands as transcripts: the bytes on each site's port and the full log for on, off
-// and a failed write, the well-wide reset, the result LED folding, the Hi5 entries, the battery
-// voltage line, the run LED, and raw write and read.
+// UUT signal commands as transcripts (bytes on each site's port, full log): every signal call on,
+// off and failed, the well-wide reset, the result LED, the Hi5 entries, raw write and read.
 #include <unistd.h>
 
 #include <climits>
@@ -121,16 +120,13 @@ std::vector<Transcript> well_wide() {
 INSTANTIATE_TEST_SUITE_P(WellWide, Signals, ::testing::ValuesIn(well_wide()),
                          testing_support::row_name);
 
-// The result LED drives sites 5-8 through the ports of sites 1-4 and never switches off.
+// The result LED drives sites 5-8 through the ports of sites 1-4 and never switches off. An index
+// past the station folds too: 8 drives site 5.
 std::vector<Transcript> result_led() {
   std::vector<Transcript> rows;
-  // An index past the station folds too: 8 drives site 5.
-  for (auto [uut, pass, site] : {std::tuple{5, true, 2},
-                                 {1, true, 2},
-                                 {4, false, 1},
-                                 {7, false, 4},
-                                 {3, true, 4},
-                                 {8, true, 5}}) {
+  const std::tuple<int, bool, int> leds[] = {{5, true, 2},  {1, true, 2}, {4, false, 1},
+                                             {7, false, 4}, {3, true, 4}, {8, true, 5}};
+  for (auto [uut, pass, site] : leds) {
     const char* line = pass ? "vel_pass_led_on\n" : "vel_fail_led_on\n";
     rows.push_back(
         {format("uut_%d_%s", uut + 1, pass ? "pass" : "fail"),

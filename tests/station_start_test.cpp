@@ -1,5 +1,4 @@
-// Station start and stop against the virtual fixture's USB bus and boards: the well count from
-// the board names, the enumeration order, a second start, and the stop sequence and its timing.
+// Station start and stop: the well count from the board names, a second start, the stop's timing.
 
 #include <cstring>
 #include <set>
@@ -56,8 +55,8 @@ class Station : public ::testing::Test {
   testing_support::LogCapture log;
 };
 
-// All eight boards is the first start of SecondStartRecountsAndDoneStopsEveryPort. The quad
-// bridge is enumerated only when no cable kind was found.
+// (All eight boards: SecondStartRecountsAndDoneStopsEveryPort.) The quad bridge is enumerated
+// only when no cable kind was found.
 TEST_F(Station, WellsCountedFromCompleteSetsOfBoardNames) {
   const struct {
     const char* what;

@@ -1,9 +1,6 @@
-// A whole station for one test program: eight fixture boards on the bus, both wells found, every
-// port open, and a handle for each well. A station start is slow, so the program keeps one for
-// all its tests; each test starts with boards that have received nothing and answer nothing.
-//
-// Transcripts: a case is one row {name, call, result, the lines each site's wire gets with the
-// pause before each, the log lines, least and most seconds}, run by a TEST_P with named rows.
+// A whole station for one test program (a start is slow): eight boards on the bus, both wells
+// found, every port open, a handle per well. Each test starts with boards that have received
+// nothing and answer nothing. Its cases are Transcript rows, run by a TEST_P with named rows.
 #pragma once
 
 #include <Brakwell.h>
@@ -32,8 +29,7 @@ using brakwell::station::status_reply;
 using Lines = std::vector<std::string>;
 constexpr double kReaderJitter = 0.05;  // board arrival times include the reader's wake-up
 
-// Runs `call` and checks it took between `least` and `most` seconds (late wake-ups are allowed
-// for in `most`, early ones never).
+// Runs `call` and checks it took `least` to `most` seconds (`most` allows for late wake-ups).
 template <typename Call>
 auto takes(double least, double most, Call call) {
   const double start = brakwell::platform::monotonic_seconds();
@@ -54,8 +50,7 @@ auto closed(std::initializer_list<int> uuts, Call call) {
   return result;
 }
 
-// A line a site's board must receive, and the pause the call makes before it: a row lasts at
-// least the sum of its pauses.
+// A line a site's board must receive, and the pause the call makes before it.
 struct Sent {
   int site;
   std::string text;
@@ -68,7 +63,7 @@ struct Transcript {
   int result;
   std::vector<Sent> wire = {};              // in order
   std::optional<Lines> log = std::nullopt;  // every system-log line; unset: another suite owns them
-  double least = -1;                        // default: the sum of the pauses
+  double least = -1;                        // default: the sum of the wire's pauses
   double most = 3;
 };
 
@@ -80,8 +75,7 @@ inline std::string row_name(const ::testing::TestParamInfo<Transcript>& info) {
 
 class StationFixture : public ::testing::Test {
  public:
-  // Every suite of the program shares the one station: a libusb context hears only the testbed
-  // that was current when it was made.
+  // One station for every suite: a libusb context hears only the testbed current at its making.
   static void SetUpTestSuite() {
     if (bed) return;
     bed = new sim::Testbed;
@@ -106,8 +100,7 @@ class StationFixture : public ::testing::Test {
   }
 
   static sim::Board& board(int site) { return boards->site(site); }
-  // Each site received exactly its text here, the others nothing: waits for the expected lines,
-  // then `settle` seconds for stray ones to show.
+  // Each site received exactly its text, the others nothing (stray lines: `settle` s to show).
   static void expect_wire(const std::map<int, std::string>& expected, double settle = 0.05) {
     for (const auto& [site, text] : expected) {
       board(site).wait_lines(static_cast<size_t>(std::count(text.begin(), text.end(), '\n')), 2);

@@ -322,33 +322,6 @@ TEST_F(Handle, SerialNumberFileBesideTheExecutable) {
   std::remove(file.c_str());
 }
 
-TEST_F(Handle, SitesOfEachWell) {
-  // Handle index, site, UUT, actuator.
-  const int rows[][4] = {{0, 1, 1, 0}, {1, 1, 5, 1}, {7, 1, 1, 0}, {0, 4, 4, 0},
-                         {0, 5, 5, 1}, {7, 8, 8, 1}, {1, 5, 9, -1}};
-  for (const auto& [index, site, uut, actuator] : rows) {
-    const std::string at = "UUT:" + std::to_string(uut);
-    FixtureController h{index, 8, 2, 4};
-    log.clear();
-    EXPECT_EQ(get_uart_path(&h, site), "/dev/cu.usbserial-RT00000" + std::to_string(uut));
-    EXPECT_EQ(actuator_for_site(&h, site), actuator);
-    EXPECT_EQ(log.syslog(), (Lines{"VELMORA: actuator_for_site for " + at,
-                                   "VELMORA: actuator_for_site for " + at + ", returning " +
-                                       std::to_string(actuator)}));
-  }
-  FixtureController second{1, 8, 2, 4};
-  const char* const saved = std::exchange(USBLocation[5], "0x1220000");
-  const char* const unfilled = std::exchange(USBLocation[6], nullptr);
-  log.clear();
-  EXPECT_STREQ(get_usb_location(&second, 2), "0x1220000");
-  EXPECT_EQ(get_usb_location(&second, 3), nullptr);
-  EXPECT_STREQ(get_usb_location(&second, 5), "error");  // beyond the table, not read past it
-  EXPECT_EQ(log.syslog(), (Lines{"VELMORA: get_usb_location for UUT:5 is 0x1220000",
-                                 "VELMORA: get_usb_location for UUT:6 is (null)"}));
-  USBLocation[5] = saved;
-  USBLocation[6] = unfilled;
-}
-
 #define NAMED(call) std::pair<const char*, decltype(&call)>(#call, &call)
 // A null handle: every call answers as the header says; only get_version and init log. The
 // signal calls log the UUT and succeed with a handle, for site 0 too: nothing is reached.

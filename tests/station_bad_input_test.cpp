@@ -10,6 +10,7 @@
 
 namespace {
 
+using testing_support::Lines;
 using testing_support::StationFixture;
 using testing_support::Transcript;
 
@@ -24,7 +25,7 @@ TEST_F(BadInput, UutIndexesAndBuffers) {
   EXPECT_TRUE(log.syslog().empty());
   EXPECT_TRUE(SOC_LibVersion(buffer, 25));
   EXPECT_STREQ(buffer, "Velmora Lumbrix 4.01");
-  EXPECT_EQ(log.syslog(), testing_support::Lines{"VELMORA: Velmora Lumbrix 4.01"});
+  EXPECT_EQ(log.syslog(), Lines{"VELMORA: Velmora Lumbrix 4.01"});
   for (int bad : {-1, 8, 100, INT_MIN, INT_MAX}) {
     EXPECT_EQ(SOC_Read(bad), nullptr) << bad;
     EXPECT_EQ(SOC_GetWellIndex(bad), bad > 3 ? 1 : 0) << bad;
@@ -85,32 +86,50 @@ std::vector<Transcript> well_rules() {
 INSTANTIATE_TEST_SUITE_P(Wells, WellRule, ::testing::ValuesIn(well_rules()),
                          testing_support::row_name);
 
+// A site is UUT site + 4 on the second well (handle index 1 only), wrapping at 32 bits as the
+// library does; only UUTs 1-8 are in the station. The sequences are tried outside it only.
 TEST_F(BadInput, SitesOfAHandle) {
-  for (int w = 0; w < 2; ++w) {
-    FixtureController* h = wells[w];
-    for (int site : {0, -1, 8, 100, INT_MIN, INT_MAX}) {
-      const int32_t uut = int32_t(uint32_t(site) + 4u * w);      // wrapping as the library does
-      const bool inStation = site >= 1 && uut >= 1 && uut <= 8;  // only site 8 on well 0
-      const std::string at = "well " + std::to_string(w) + " site " + std::to_string(site);
-      EXPECT_EQ(get_uart_path(h, site),
-                site < 1 ? "error" : "/dev/cu.usbserial-RT00000" + std::to_string(uut))
-          << at;
-      EXPECT_STREQ(get_usb_location(h, site), inStation ? USBLocation[uut - 1] : "error") << at;
-      EXPECT_EQ(actuator_for_site(h, site), inStation ? 1 : -1) << at;
-      EXPECT_EQ(set_usb_power(h, 0, site), inStation ? 0 : -1) << at;
-      EXPECT_EQ(set_led_state(h, 1, site), inStation ? 0 : -1) << at;
-      if (inStation) continue;  // the sequences below would really run on UUT 8
+  std::map<int, std::string> wire;
+  for (int index : {0, 7, 1}) {
+    FixtureController h{index, 8, 2, 4};
+    for (int site : {1, 4, 5, 8, 0, -1, 100, INT_MIN, INT_MAX}) {
+      const int32_t uut = int32_t(uint32_t(site) + (index == 1 ? 4u : 0u));
+      const bool inStation = site >= 1 && uut >= 1 && uut <= 8;
+      SCOPED_TRACE("index " + std::to_string(index) + " site " + std::to_string(site));
+      EXPECT_EQ(get_uart_path(&h, site),
+                site < 1 ? "error" : "/dev/cu.usbserial-RT00000" + std::to_string(uut));
+      EXPECT_STREQ(get_usb_location(&h, site), inStation ? USBLocation[uut - 1] : "error");
+      log.clear();
+      const int actuator = inStation ? uut > 4 : -1;
+      EXPECT_EQ(actuator_for_site(&h, site), actuator);
+      const std::string at = "VELMORA: actuator_for_site for UUT:" + std::to_string(uut);
+      EXPECT_EQ(log.syslog(),
+                site < 1 ? Lines() : Lines({at, at + ", returning " + std::to_string(actuator)}));
+      EXPECT_EQ(set_usb_power(&h, 0, site), inStation ? 0 : -1);
+      EXPECT_EQ(set_led_state(&h, 1, site), inStation ? 0 : -1);
+      if (inStation) {
+        wire[uut] += "vel_vusb_on\nvel_fail_led_off\nvel_pass_led_on\n";
+        continue;
+      }
       for (auto sequence :
            {set_battery_power, set_force_dfu, set_force_diags, set_force_iboot, set_dut_power}) {
-        for (int state : {0, 1, 2}) EXPECT_EQ(sequence(h, state, site), -1) << at;
+        for (int state : {0, 1, 2}) EXPECT_EQ(sequence(&h, state, site), -1);
       }
-      EXPECT_EQ(set_usb_signal(h, site, site), 0) << at;  // the signal calls: the controller's
+      EXPECT_EQ(set_usb_signal(&h, site, site), 0);  // the signal calls: the controller's
     }
   }
-  // Only UUT 8, reached as site 8 of the first well, got anything.
-  expect_wire({{8, "vel_vusb_on\nvel_fail_led_off\nvel_pass_led_on\n"}});
-  // A site near INT_MAX on the second well wraps instead of overflowing.
-  EXPECT_TRUE(log.has("VELMORA: set_usb_signal for UUT:-2147483645"));
+  expect_wire(wire);
+  EXPECT_TRUE(log.has("VELMORA: set_usb_signal for UUT:-2147483645"));  // INT_MAX + 4, wrapped
+  // The location table's slots as the host left them, filled or not.
+  const char* const saved = std::exchange(USBLocation[5], "0x1220000");
+  const char* const unfilled = std::exchange(USBLocation[6], nullptr);
+  log.clear();
+  EXPECT_STREQ(get_usb_location(wells[1], 2), "0x1220000");
+  EXPECT_EQ(get_usb_location(wells[1], 3), nullptr);
+  EXPECT_EQ(log.syslog(), (Lines{"VELMORA: get_usb_location for UUT:5 is 0x1220000",
+                                 "VELMORA: get_usb_location for UUT:6 is (null)"}));
+  USBLocation[5] = saved;
+  USBLocation[6] = unfilled;
 }
 
 TEST_F(BadInput, ModuleAndPipeNumbers) {

@@ -18,8 +18,7 @@ using Bytes = std::vector<uint8_t>;
 using Frames = std::vector<Bytes>;
 using Lines = std::vector<std::string>;
 
-// One testbed for the whole program: the library's libusb context hears only the testbed that
-// was current when it was made.
+// One testbed for the program: the library's libusb context hears only the one it was made in.
 sim::Testbed* bed = nullptr;
 sim::UsbBus* bus = nullptr;
 class DioEnvironment : public ::testing::Environment {
@@ -47,7 +46,6 @@ Frames rest_frames(Frames first, std::initializer_list<int> registers) {
   return first;
 }
 const std::initializer_list<int> kAllRest = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13};
-const unsigned char kStatusFrame[] = {0x02, 0x03, 0x02};
 const Lines kBroken = {"USB Error|USB Connection to DFU DIO_01 Module is broken!|OK"};
 
 class Dio : public ::testing::Test {
@@ -95,22 +93,20 @@ class Dio : public ::testing::Test {
   Lines alerts;  // title|message|button
 };
 
-// openUSB(1) takes 0xDF02 only; an interface of the wrong class leaves the pipes silent;
-// closeUSB clears the tables; a missing device node prints the open failures.
-TEST_F(Dio, OpenFailuresAndClose) {
+// openUSB(1) takes 0xDF02 only; an interface of the wrong class leaves the pipes silent.
+TEST_F(Dio, OpenFailuresCloseAndCallbacks) {
   sim::DioModule& vendorClass = plug(0, 0xff);
   EXPECT_EQ(openUSB(1), 0);
   EXPECT_EQ(openUSB(0), 1);
-  EXPECT_EQ(writeToEndpt(0, 1, kStatusFrame, 3), 0);
+  const unsigned char frame[] = {0x02, 0x03, 0x02};
+  EXPECT_EQ(writeToEndpt(0, 1, frame, 3), 0);
   EXPECT_EQ(vendorClass.transfers(), 0u);
   closeUSB(0);
   unplug(0);
   open(1);
   EXPECT_EQ(closeUSB(1), 0);
-  const auto& m = dio::modules[1];
-  EXPECT_EQ((std::vector<const void*>{m.device, m.list, m.service, dio::masterPort}),
-            std::vector<const void*>(4, nullptr));
-  EXPECT_FALSE(m.hasInterface);
+  const auto& m = dio::modules[1];  // the tables cleared
+  EXPECT_TRUE(!m.device && !m.list && !m.service && !dio::masterPort && !m.hasInterface);
   EXPECT_TRUE(alerts.empty() && log.syslog().empty() && log.stdout_lines().empty());
 
   sim::DioModule& noNode = plug(0);  // still listed, but no handle can be made
@@ -128,11 +124,27 @@ TEST_F(Dio, OpenFailuresAndClose) {
              "dealWithInterface: unable to create plugin. ret = fffffffe, iodev = (nil)\n",
              "dealWithInterface: unable to create a device interface. ret = fffffffc, intf = "
              "(nil)\n"}));
+  // The asynchronous-read callbacks only log and flag; with no desktop an alert is printed.
+  const int second = 1;
+  readTimerHandler(nullptr, &second);
+  readTimerHandler(nullptr, nullptr);
+  readCompletion(nullptr, 0);
+  readCompletion(nullptr, static_cast<int>(0xe00002d6));
+  EXPECT_EQ(log.syslog(),
+            (Lines{"VELMORA: USBDIO_02 Read Timeout! readTimerHandler invoked!",
+                   "VELMORA: USB readCompletion: error from async read (e00002d6)\n"}));
+  EXPECT_EQ(dio::modules[1].readError, 1);
+  brakwell::platform::set_alert_sink(nullptr, nullptr);
+  unsetenv("DISPLAY");
+  unsetenv("WAYLAND_DISPLAY");
+  ::testing::internal::CaptureStderr();
+  brakwell::platform::alert("USB Error", "USB Connection to DFU DIO_01 Module is broken!", "OK");
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+            "USB Error: USB Connection to DFU DIO_01 Module is broken!\n");
 }
 
-// The request's bytes; then the module leaves: the request fails with its line, and neither
-// closeUSB nor an openUSB that finds nothing gives up its handle, so its pipes fail aloud (until a
-// fresh open replaces it: the broken-link rows after the first).
+// Once the module left, neither closeUSB nor an openUSB that finds nothing gives up its handle,
+// so its pipes fail aloud (until a fresh open replaces it: the broken-link rows after the first).
 TEST_F(Dio, VendorRequestAndAModuleThatLeft) {
   EXPECT_EQ(vendorRequest(0, 1), 0);
   sim::DioModule& module = open(0);
@@ -158,10 +170,9 @@ TEST_F(Dio, VendorRequestAndAModuleThatLeft) {
   EXPECT_EQ(alerts, kBroken);
 }
 
-// A link that breaks in the middle of a write, of a read, or of the debounce's third status read
-// (the sensors read as all open): one log line, one alert, the interface dropped. openUSB keeps
-// the broken handle (refused as busy); later calls, the board id too, fail at once and silently
-// without a transfer, also once the module has left.
+// A link broken in a write, a read or the debounce's third status read (sensors all open): one
+// line, one alert, the interface dropped, openUSB refused as busy; later calls, the board id too,
+// fail at once and silently without a transfer, also once the module has left.
 TEST_F(Dio, BrokenLinkAlertsOnceAndSilencesThePipes) {
   const char* const read =
       "VELMORA: USB Read: unable to do usb read to pipe1. Error Code: ffffffff\n";
@@ -202,27 +213,6 @@ TEST_F(Dio, BrokenLinkAlertsOnceAndSilencesThePipes) {
   }
 }
 
-// The asynchronous-read callbacks only log and flag; the alert without a desktop session goes to
-// standard error.
-TEST_F(Dio, AsyncReadCallbacksAndAlertText) {
-  const int second = 1;
-  readTimerHandler(nullptr, &second);
-  readTimerHandler(nullptr, nullptr);
-  readCompletion(nullptr, 0);
-  readCompletion(nullptr, static_cast<int>(0xe00002d6));
-  EXPECT_EQ(log.syslog(),
-            (Lines{"VELMORA: USBDIO_02 Read Timeout! readTimerHandler invoked!",
-                   "VELMORA: USB readCompletion: error from async read (e00002d6)\n"}));
-  EXPECT_EQ(dio::modules[1].readError, 1);
-  brakwell::platform::set_alert_sink(nullptr, nullptr);
-  unsetenv("DISPLAY");
-  unsetenv("WAYLAND_DISPLAY");
-  ::testing::internal::CaptureStderr();
-  brakwell::platform::alert("USB Error", "USB Connection to DFU DIO_01 Module is broken!", "OK");
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-            "USB Error: USB Connection to DFU DIO_01 Module is broken!\n");
-}
-
 TEST_F(Dio, RegisterFramesOpenReadStatusClose) {
   sim::DioModule& module = open(0);
   uint32_t value = 0xdead;
@@ -241,8 +231,7 @@ TEST_F(Dio, RegisterFramesOpenReadStatusClose) {
   EXPECT_EQ(value, 0x47u);
   unsigned char buffer[64] = {};
   EXPECT_EQ(readFromEndpt(0, 1, buffer, 1), 1);  // ten bytes whatever the size
-  // Refused without a transfer: no channel 0, no pipe 3, no buffer, no text, no register or
-  // channel 16, none whose pipe number overflows.
+  // Refused without a transfer: no channel 0, pipe 3, buffer, text, register 16 or overflow.
   EXPECT_EQ(writeToEndpt(0, 0, buffer, 3) + readFromEndpt(0, 2, buffer, 10) +
                 readFromEndpt(0, 1, nullptr, 10) + dioWrite(0, 2, nullptr),
             0);

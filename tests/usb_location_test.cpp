@@ -22,9 +22,8 @@ using testing_support::Lines;
 std::vector<std::pair<std::string, uint32_t>> listed_names(long vendor, long product) {
   std::vector<std::pair<std::string, uint32_t>> names;
   auto devices = brakwell::usb::matching_devices(vendor, product);
-  for (auto* d : *devices) {
+  for (auto* d : *devices)
     names.emplace_back(platform_usb::product_string(d), platform_usb::location_id(d).value_or(0));
-  }
   brakwell::usb::release_devices(*devices);
   return names;
 }
@@ -77,9 +76,8 @@ TEST_F(UsbBusTest, CableKind) {
   EXPECT_EQ(enumUsbForLocationID(0x10403, 0x6001), 0);  // the ids' upper bits count
 }
 
-// Names with "CDC" in any case, in list order, each followed by a comma, read with the one serial
-// request the boards answer; a board whose serial number cannot be read is skipped; the next
-// enumeration starts a new text.
+// Names with "CDC" in any case, in list order, each with a comma, read with the boards' one serial
+// request; a board whose serial cannot be read is skipped; the next enumeration starts anew.
 TEST_F(UsbBusTest, BoardNamesAndTheSerialRequest) {
   sim::UsbDevice& good = bus.add_board(1);
   bus.add_board(2).fail_strings(true);
@@ -115,17 +113,15 @@ TEST(UsbLocationRule, TiersAndTrailingZeros) {
       {{1, 16}, std::nullopt}, {{1, 2, 16, 3}, std::nullopt},  // no single digit for a port
       {{1, 1, 1, 1, 1, 1, 1, 1}, std::nullopt}};                // seven tiers do not fit
   // clang-format on
-  for (const auto& [path, id] : rows) {
+  for (const auto& [path, id] : rows)
     EXPECT_EQ(platform_usb::location_id(path[0], path.data() + 1, int(path.size()) - 1), id);
-  }
   const std::pair<uint32_t, uint32_t> stripped[] = {
       {0, 0}, {0x140, 0x14}, {0x1A, 0x1A}, {0x100, 0x1}, {0x1223000, 0x1223}, {0x80000000, 0x8}};
   for (auto [in, out] : stripped) EXPECT_EQ(removeHexTrailingZeros(in), out) << std::hex << in;
 }
 
-// getUSBLocationForUART: the fixture's UARTs of sites 1..sites and others, the text answered
-// (USBLocation holds its fields), and the log: every line in order when `whole`, else these
-// lines among others.
+// getUSBLocationForUART: the UARTs of sites 1..sites and others, the text answered (USBLocation
+// holds its fields), and the log: every line in order when `whole`, else these among others.
 struct UartCase {
   std::string name;
   int sites;
@@ -145,9 +141,8 @@ TEST_P(UartLocation, Answers) {
   EXPECT_EQ(getUSBLocationForUART(0x0403, 0x6001), c.text);
   std::istringstream fields(c.text == "error" ? ",,,,,,," : c.text);
   std::string field;
-  for (int i = 0; std::getline(fields, field, ','); ++i) {
+  for (int i = 0; std::getline(fields, field, ','); ++i)
     EXPECT_EQ(USBLocation[i] ? std::string(USBLocation[i]) : "", field) << i;
-  }
   auto lines = log.syslog();
   if (c.whole) {  // the devices are taken in list order
     std::sort(lines.begin(), lines.begin() + std::min(lines.size(), c.uarts.size()));
@@ -190,9 +185,8 @@ TEST_F(UsbBusTest, DfuLookupLastOneWinsAndTheHostsSlotsStay) {
   bus.add_unit(7, "iPhone (DFU Mode)", 0x05ac, 0x1227);
   bus.add_unit(4, "iPhone (Recovery Mode)", 0x05ac, 0x1227);
   uint32_t last = 0;
-  for (const auto& [name, id] : listed_names(0x05ac, 0x1227)) {
-    if (name.find("Recovery") == std::string::npos) last = id;
-  }
+  for (const auto& [name, id] : listed_names(0x05ac, 0x1227))
+    last = name.find("Recovery") == std::string::npos ? id : last;
   EXPECT_TRUE(last == 0x1123000 || last == 0x1233000) << last;
   EXPECT_EQ(std::stoul(getUSBLocationForMCU(0x05ac, 0x1227), nullptr, 16), last);
   EXPECT_TRUE(log.syslog().empty());
@@ -227,10 +221,9 @@ TEST(UsbLocationText, DifferentLocationIndexAndStatusDigits) {
 }
 
 TEST(UsbLocationText, UartTable) {
-  const std::pair<const char*, int> rows[] = {// -1: rejected
-                                              {"USB UART9", 8}, {"USB-UART1", 0}, {"USB UART0", -1},
-                                              {"", -1},         {nullptr, -1},    {"UART", -1},
-                                              {"USB UART12", 1}};
+  const std::pair<const char*, int> rows[] = {
+      {"USB UART9", 8}, {"USB-UART1", 0}, {"USB UART12", 1}, {"USB UART0", -1},
+      {"", -1},         {nullptr, -1},    {"UART", -1}};
   for (const auto& [name, entry] : rows) {
     testing_support::LogCapture log;
     std::fill(std::begin(g_ListUartLocationID), std::end(g_ListUartLocationID), 0);

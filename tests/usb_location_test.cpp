@@ -38,8 +38,8 @@ class UsbBusTest : public ::testing::Test {
     std::fill(std::begin(g_ListUutLocationID), std::end(g_ListUutLocationID), 0);
   }
   ~UsbBusTest() override { platform_usb::shutdown(); }
-  sim::UsbDevice& ftdi(const std::string& portPath, const std::string& name) {
-    return bus.add({portPath, 0x0403, 0x6001, name, "FT1", 0, {}});
+  sim::UsbDevice& ftdi(const std::string& portPath, const std::string& name, uint16_t id = 0x6001) {
+    return bus.add({portPath, 0x0403, id, name, "FT1", 0, {}});
   }
 
   sim::Testbed bed;
@@ -62,15 +62,15 @@ TEST_F(UsbBusTest, CableKind) {
     bus.remove(device);
   }
   const char* named[] = {"USB UART", "Plain bridge", "USB <-> Serial Cable"};
-  for (int round = 0; round < 2; ++round) {
-    std::vector<sim::UsbDevice*> added;
+  for (int round = 0; round < 2; ++round) {  // forwards on product 0x6002, backwards on 0x6003
+    const uint16_t product = 0x6002 + round;
     for (int i = 0; i < 3; ++i)
-      added.push_back(&ftdi("1-3." + std::to_string(i + 1), named[round ? 2 - i : i]));
+      ftdi("1-" + std::to_string(4 + round) + "." + std::to_string(i + 1), named[round ? 2 - i : i],
+           product);
     std::string last;
-    for (const auto& [name, id] : listed_names(0x0403, 0x6001))
+    for (const auto& [name, id] : listed_names(0x0403, product))
       last = name == named[1] ? last : name;
-    EXPECT_EQ(enumUsbForLocationID(0x0403, 0x6001), last == named[0] ? 1 : 2);
-    for (auto* device : added) bus.remove(*device);
+    EXPECT_EQ(enumUsbForLocationID(0x0403, product), last == named[0] ? 1 : 2);
   }
   ftdi("1-3.1", "USB UART");
   EXPECT_EQ(enumUsbForLocationID(0x10403, 0x6001), 0);  // the ids' upper bits count
@@ -105,19 +105,53 @@ TEST_F(UsbBusTest, BoardNamesAndTheSerialRequest) {
   EXPECT_STREQ(mutableUSBDeviceName, "");
 }
 
-TEST(UsbLocationRule, TiersAndTrailingZeros) {
+TEST(UsbLocationText, TiersIndexesStatusDigitsAndTheUartTable) {
   // clang-format off
-  const std::pair<std::vector<uint8_t>, std::optional<uint32_t>> rows[] = {  // bus, then ports
+  const std::pair<std::vector<uint8_t>, std::optional<uint32_t>> tiers[] = {  // bus, then ports
       {{1, 2, 3}, 0x1230000}, {{1, 2, 2, 3}, 0x1223000}, {{1, 1, 4, 5, 2, 1, 1}, 0x1145211},
       {{3}, 0x3000000}, {{0x14, 5, 2, 1, 1}, 0x14521100}, {{1, 15, 15}, 0x1ff0000},
       {{1, 16}, std::nullopt}, {{1, 2, 16, 3}, std::nullopt},  // no single digit for a port
       {{1, 1, 1, 1, 1, 1, 1, 1}, std::nullopt}};                // seven tiers do not fit
   // clang-format on
-  for (const auto& [path, id] : rows)
+  for (const auto& [path, id] : tiers)
     EXPECT_EQ(platform_usb::location_id(path[0], path.data() + 1, int(path.size()) - 1), id);
   const std::pair<uint32_t, uint32_t> stripped[] = {
       {0, 0}, {0x140, 0x14}, {0x1A, 0x1A}, {0x100, 0x1}, {0x1223000, 0x1223}, {0x80000000, 0x8}};
   for (auto [in, out] : stripped) EXPECT_EQ(removeHexTrailingZeros(in), out) << std::hex << in;
+  // clang-format off
+  const std::tuple<const char*, const char*, int, const char*> indexes[] = {
+      {"0x14521100", "0x14522100", 6, nullptr}, {"0x1", "0x2", 2, nullptr},
+      {"", "", -1, "Error strLen1:0, strLen2:0"}, {"0x123", "0x123", -1, "Error strLen1:5, strLen2:5"},
+      {"0x11", "0x111", -1, "Error Length for strLen1:4, strLen2:5"},
+      {nullptr, "0x1", -1, "Error Length for strLen1:0, strLen2:3"},
+      {"\u00e9", "a", 0, nullptr},  // the index counts 16-bit units of the texts
+      {"\U0001F600a", "\U0001F600b", 2, nullptr}};
+  // clang-format on
+  for (const auto& [a, b, index, line] : indexes) {
+    testing_support::LogCapture log;
+    EXPECT_EQ(getDifferentLocationIndex(a, b), index);
+    EXPECT_EQ(log.syslog(), line ? Lines{line} : Lines{});
+  }
+  // Status digits take no base prefix and saturate.
+  using brakwell::link::parse_status_reply;
+  EXPECT_EQ(parse_status_reply("x=0b11 l_sw"), 0);
+  EXPECT_EQ(parse_status_reply(("x=" + std::string(70, '1') + " l_sw").c_str()), 63);
+  const std::pair<const char*, int> uarts[] = {
+      {"USB UART9", 8}, {"USB-UART1", 0}, {"USB UART12", 1}, {"USB UART0", -1},
+      {"", -1},         {nullptr, -1},    {"UART", -1}};
+  for (const auto& [name, entry] : uarts) {
+    testing_support::LogCapture log;
+    std::fill(std::begin(g_ListUartLocationID), std::end(g_ListUartLocationID), 0);
+    addToUartLocationIDList(name, 0x1191000);
+    const std::string text = name ? name : "(null)";
+    EXPECT_EQ(log.syslog(),
+              Lines{entry < 0 ? "Shouldn't come here! Illegal USB UART Name:" + text
+                              : "Save " + text + " locationID 0x1191000 to list (index=" +
+                                    std::to_string(entry) + ")"});
+    const auto* list = g_ListUartLocationID;
+    EXPECT_EQ(std::count(list, list + 12, 0u), entry < 0 ? 12 : 11);
+    EXPECT_EQ(entry < 0 ? 0x1191000u : list[entry], 0x1191000u);
+  }
 }
 
 // getUSBLocationForUART: the UARTs of sites 1..sites and others, the text answered (USBLocation
@@ -196,47 +230,6 @@ TEST_F(UsbBusTest, DfuLookupLastOneWinsAndTheHostsSlotsStay) {
   ASSERT_STRNE(getUSBLocationForUART(0x0403, 0x6001), "error");
   EXPECT_EQ(USBLocation[1], mine);
   EXPECT_NE(USBLocation[0], nullptr);
-}
-
-TEST(UsbLocationText, DifferentLocationIndexAndStatusDigits) {
-  // clang-format off
-  const std::tuple<const char*, const char*, int, const char*> rows[] = {
-      {"0x14521100", "0x14522100", 6, nullptr}, {"0x1", "0x2", 2, nullptr},
-      {"", "", -1, "Error strLen1:0, strLen2:0"}, {"0x123", "0x123", -1, "Error strLen1:5, strLen2:5"},
-      {"0x11", "0x111", -1, "Error Length for strLen1:4, strLen2:5"},
-      {nullptr, "0x1", -1, "Error Length for strLen1:0, strLen2:3"},
-      {"\u00e9", "a", 0, nullptr},  // the index counts 16-bit units of the texts
-      {"\U0001F600a", "\U0001F600b", 2, nullptr}};
-  // clang-format on
-  for (const auto& [a, b, index, line] : rows) {
-    testing_support::LogCapture log;
-    EXPECT_EQ(getDifferentLocationIndex(a, b), index);
-    EXPECT_EQ(log.syslog(), line ? Lines{line} : Lines{});
-  }
-  // Status digits take no base prefix and saturate.
-  using brakwell::link::parse_status_reply;
-  EXPECT_EQ(parse_status_reply("x=0b11 l_sw"), 0);
-  EXPECT_EQ(parse_status_reply("x= -1 l_sw"), 63);
-  EXPECT_EQ(parse_status_reply(("x=" + std::string(70, '1') + " l_sw").c_str()), 63);
-}
-
-TEST(UsbLocationText, UartTable) {
-  const std::pair<const char*, int> rows[] = {
-      {"USB UART9", 8}, {"USB-UART1", 0}, {"USB UART12", 1}, {"USB UART0", -1},
-      {"", -1},         {nullptr, -1},    {"UART", -1}};
-  for (const auto& [name, entry] : rows) {
-    testing_support::LogCapture log;
-    std::fill(std::begin(g_ListUartLocationID), std::end(g_ListUartLocationID), 0);
-    addToUartLocationIDList(name, 0x1191000);
-    const std::string text = name ? name : "(null)";
-    EXPECT_EQ(log.syslog(),
-              Lines{entry < 0 ? "Shouldn't come here! Illegal USB UART Name:" + text
-                              : "Save " + text + " locationID 0x1191000 to list (index=" +
-                                    std::to_string(entry) + ")"});
-    const auto* list = g_ListUartLocationID;
-    EXPECT_EQ(std::count(list, list + 12, 0u), entry < 0 ? 12 : 11);
-    EXPECT_EQ(entry < 0 ? 0x1191000u : list[entry], 0x1191000u);
-  }
 }
 
 // No sibling: the log lists the units' locations, and the operator's report is written by lsusb

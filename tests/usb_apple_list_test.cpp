@@ -28,9 +28,8 @@ constexpr long kApple = 0x05ac, kUnit = 0x1281;
 
 template <typename Pred>
 bool wait_until(Pred pred, double seconds = 10) {
-  for (const double end = monotonic_seconds() + seconds; !pred(); sleep_seconds(0.0005)) {
+  for (const double end = monotonic_seconds() + seconds; !pred(); sleep_seconds(0.0005))
     if (monotonic_seconds() > end) return false;
-  }
   return true;
 }
 Ids listed() {
@@ -138,9 +137,8 @@ TEST_F(AppleList, FullListStillFillsAFreeHistoryEntry) {
   for (auto& record : records) std::free(record.deviceName);
 }
 
-// Of thirteen arrivals the last is refused, yet watched: its removal clears nothing. Messages
-// other than termination are ignored; usbDeviceRemoveAll frees every record, and the later
-// removals of the same devices can no longer reach them (ASan would see a use).
+// Of thirteen arrivals the last is refused, yet watched: its removal clears nothing. Only the
+// termination message removes; usbDeviceRemoveAll frees all, out of later removals' reach (ASan).
 TEST_F(AppleList, ThirteenArrivalsOnlyTerminationRemovesThenRemoveAll) {
   ASSERT_EQ(usbDeviceConnStatus(kApple, kUnit), 0);
   std::vector<sim::UsbDevice*> units;
@@ -198,8 +196,7 @@ TEST_F(AppleList, StormsAndAStormWhileEveryRecordIsFreed) {
   for (uint32_t id : history()) EXPECT_TRUE(seen.count(id)) << std::hex << id;
 }
 
-// The first of two attached units is recorded; the other leaves before the scan reaches it.
-// Its removal must not overtake its arrival and leave a record of a unit that is gone.
+// Of two attached units one leaves before the first scan reaches it: no record of it is left.
 TEST_F(AppleList, UnitLeavingDuringTheFirstScanLeavesNoRecord) {
   static sim::UsbDevice* units[2];
   static uint32_t kept = 0;
@@ -219,11 +216,9 @@ TEST_F(AppleList, UnitLeavingDuringTheFirstScanLeavesNoRecord) {
   EXPECT_TRUE(wait_until([] { return listed() == Ids{kept}; }, 3));
 }
 
-// Each arm lists the attached unit again, as the first did. The host's calls record every
-// device they are given, whatever their context pointer, as often as they are made, and the
-// unit's removal takes every record. A child forked while the event thread holds the tracker's
-// lock exits through the static destructors, as after a failed exec: it neither waits for that
-// lock nor crashes, and later arrivals are listed once each.
+// Each arm lists the attached unit again; the host's calls record every device, whatever the
+// context, each time; its removal takes every record. A child forked with the tracker's lock held
+// exits through the static destructors without waiting for it; later arrivals are listed once.
 TEST_F(AppleList, ArmedAgainAndAgainByTheHostAndAcrossAFork) {
   add_unit(1, "");
   for (int round = 0; round < 13; ++round) {
@@ -235,10 +230,9 @@ TEST_F(AppleList, ArmedAgainAndAgainByTheHostAndAcrossAFork) {
   ASSERT_EQ(usbDeviceConnStatus(kApple, kUnit), 0);
   auto devices = brakwell::usb::matching_devices(kApple, kUnit);
   ASSERT_TRUE(devices && devices->size() == 1);
-  devices->push_back(nullptr);
+  devices->push_back(nullptr);  // the end of the host's list
   for (intptr_t context : {0, 0, 7, 7})
     usbDeviceArrival(reinterpret_cast<void*>(context), devices->data());
-  devices->pop_back();
   brakwell::usb::release_devices(*devices);
   EXPECT_EQ(listed(), (Ids{0x1310000, 0x1310000, 0x1310000, 0x1310000, 0x1310000}));
   bus.remove(*bus.find("1-3.1"));
@@ -272,8 +266,7 @@ TEST_F(AppleList, ArmedAgainAndAgainByTheHostAndAcrossAFork) {
   EXPECT_EQ(listed(), (Ids{0x1320000, 0x1330000}));
 }
 
-// Under an address-space limit the event thread cannot start: the call answers 0 and logs one
-// line, and the host goes on.
+// With no room for the event thread the call answers 0 and logs one line; the host goes on.
 TEST(AppleThread, FailsOnlyTheCallWhenItCannotStart) {
 #if !defined(__SANITIZE_ADDRESS__)  // ASan reserves the address space that the limit would cap
   GTEST_FLAG_SET(death_test_style, "threadsafe");

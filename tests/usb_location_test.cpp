@@ -232,9 +232,8 @@ TEST_F(UsbBusTest, DfuLookupLastOneWinsAndTheHostsSlotsStay) {
   EXPECT_NE(USBLocation[0], nullptr);
 }
 
-// No sibling: the log lists the units' locations, and the operator's report is written by lsusb
-// from the system directories (never the PATH's), private, never through a link (nor a log line
-// when it cannot be). A sibling found writes none.
+// No sibling: the log lists the units' locations; lsusb from the system directories (not PATH)
+// writes a private report, never through a link (silently skipped then). A sibling: no report.
 TEST_F(UsbBusTest, SiblingOrAPrivateReportButNeverThroughALink) {
   g_ListUartLocationID[0] = 0x14521100;
   g_ListUutLocationID[0] = 0x1223000;

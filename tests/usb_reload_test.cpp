@@ -1,6 +1,5 @@
-// dlclose unloads the library again and again, with its USB event thread armed, a unit arriving
-// and leaving, a per-thread text handed back and a DIO module left open: each copy is unloaded
-// and takes its thread and descriptors with it (LeakSanitizer checks the heap).
+// dlclose unloads each copy, with its event thread armed, a unit coming and going, a per-thread
+// text handed out and a DIO module open: its thread and descriptors go with it (LSan: the heap).
 #include <Brakwell.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>

@@ -18,20 +18,6 @@ using Bytes = std::vector<uint8_t>;
 using Frames = std::vector<Bytes>;
 using Lines = std::vector<std::string>;
 
-// One testbed for the program: the library's libusb context hears only the one it was made in.
-sim::Testbed* bed = nullptr;
-sim::UsbBus* bus = nullptr;
-class DioEnvironment : public ::testing::Environment {
-  void SetUp() override { bed = new sim::Testbed, bus = new sim::UsbBus(*bed); }
-  void TearDown() override {
-    for (int m = 0; m < 2; ++m) dio::release_module(m);
-    brakwell::platform::usb::shutdown();
-    delete bus;
-    delete bed;
-  }
-};
-const auto* const environment = ::testing::AddGlobalTestEnvironment(new DioEnvironment);
-
 // libusb learns of arrivals and removals from uevents, a moment after they happen.
 bool wait_alive(int m, int want) {
   for (int i = 0; i < 400 && USBDeviceAlive(m) != want; ++i)
@@ -50,16 +36,24 @@ const Lines kBroken = {"USB Error|USB Connection to DFU DIO_01 Module is broken!
 
 class Dio : public ::testing::Test {
  protected:
+  // One testbed for the program: the library's libusb context hears only the one it was made in.
+  static void SetUpTestSuite() { bed = new sim::Testbed, bus = new sim::UsbBus(*bed); }
+  static void TearDownTestSuite() {
+    for (int m = 0; m < 2; ++m) dio::release_module(m);
+    brakwell::platform::usb::shutdown();
+    delete bus;
+    delete bed;
+  }
   void SetUp() override {
     ASSERT_TRUE(wait_alive(0, 0) && wait_alive(1, 0));
     std::memset(dio::reg, 0, sizeof dio::reg);
     dio::bDioOpened[0] = dio::bDioOpened[1] = 0;
     dio::sensorState[0] = dio::sensorState[1] = 7;
     brakwell::platform::set_alert_sink(
-        [](const char* t, const char* msg, const char* b, void* self) {
-          static_cast<Dio*>(self)->alerts.push_back(std::string(t) + "|" + msg + "|" + b);
+        [](const char* t, const char* m, const char* b, void* out) {
+          static_cast<Lines*>(out)->push_back(std::string(t) + "|" + m + "|" + b);
         },
-        this);
+        &alerts);
   }
   void TearDown() override {
     for (int m = 0; m < 2; ++m) {
@@ -88,6 +82,8 @@ class Dio : public ::testing::Test {
     return module;
   }
 
+  static inline sim::Testbed* bed;
+  static inline sim::UsbBus* bus;
   std::optional<sim::DioModule> modules[2];
   testing_support::LogCapture log;
   Lines alerts;  // title|message|button

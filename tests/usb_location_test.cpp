@@ -96,8 +96,7 @@ TEST_F(UsbBusTest, BoardNamesAndTheSerialRequest) {
   EXPECT_TRUE(log.has("UART Device added: DeviceName=Velmora_DFU_Boot Serial Number=X8"));
   EXPECT_EQ(log.count("Could not get serial number string using index\n"), 1u);
   EXPECT_EQ(log.syslog().size(), 29u);
-  const auto asked = good.control_log();
-  EXPECT_TRUE(std::any_of(asked.begin(), asked.end(), [](const sim::UsbSetup& s) {
+  EXPECT_TRUE(std::ranges::any_of(good.control_log(), [](const sim::UsbSetup& s) {
     return s.bmRequestType == 0x80 && s.bRequest == 6 && s.wValue == 0x0303 && s.wIndex == 0x0409 &&
            s.wLength == 256;
   }));
@@ -164,7 +163,6 @@ struct UartCase {
   Lines log = {};
   bool whole = false;
 };
-void PrintTo(const UartCase& c, std::ostream* out) { *out << c.name; }
 
 class UartLocation : public UsbBusTest, public ::testing::WithParamInterface<UartCase> {};
 
@@ -267,16 +265,14 @@ TEST_F(UsbBusTest, SiblingOrAPrivateReportButNeverThroughALink) {
   }
   setenv("PATH", path.c_str(), 1);
   fs::remove_all(bin);
-  std::string kept;
-  std::ifstream(target) >> kept;
-  EXPECT_EQ(kept, "keep");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(std::ifstream(target).rdbuf()), {}), "keep");
   fs::remove(target);
   std::vector<std::string> files;
   for (const auto& name : names) fs::exists(name) ? files.push_back(name) : void();
   ASSERT_EQ(files.size(), 1u);
   EXPECT_EQ(fs::status(files[0]).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-  std::ifstream in(files[0]);
-  EXPECT_NE(std::string(std::istreambuf_iterator<char>(in), {}), "impostor\n");
+  EXPECT_NE(std::string(std::istreambuf_iterator<char>(std::ifstream(files[0]).rdbuf()), {}),
+            "impostor\n");
   // A sibling found (the other hub's location has a shorter text), UARTs unknown or out of range.
   g_ListUutLocationID[1] = 0x14521300;
   g_ListUutLocationID[2] = 0x14521200;
@@ -292,10 +288,7 @@ TEST_F(UsbBusTest, SiblingOrAPrivateReportButNeverThroughALink) {
              "No locationID for USB UART3. Please check for existence of USB UART3",
              "No locationID for USB UART41. Please check for existence of USB UART41",
              "No locationID for USB UART0. Please check for existence of USB UART0"}));
-  std::vector<std::string> after;
-  for (const auto& name : names) fs::exists(name) ? after.push_back(name) : void();
-  EXPECT_EQ(after, files);
-  for (const auto& name : names) fs::remove(name);
+  for (const auto& name : names) EXPECT_EQ(fs::remove(name), name == files[0]) << name;
 }
 
 }  // namespace

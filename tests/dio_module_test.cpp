@@ -298,15 +298,14 @@ TEST_F(Dio, SensorDebounceAndBoardId) {
       {{0xa3, 0xa3}, true, true, 10, 2}, {{0xf0}, true, false, 15, 1}, {{0x03}, true, false, 0, 1},
       {{0xa3, 0xb3}, true, false, 10, 2}, {{0xa3}, false, false, 255, 0}};
   // clang-format on
-  sim::DioModule& module = *modules[0];
   for (const auto& [status, opened, result, want, reads] : ids) {
     SCOPED_TRACE(status[0] + 256 * opened);
-    module.script_status(status);
+    modules[0]->script_status(status);
     dio::bDioOpened[0] = opened;
     uint32_t id = 0;
     EXPECT_EQ(SOC_BoardID(0, &id), result);
     EXPECT_EQ(id, want);
-    EXPECT_EQ(module.status_reads(), reads);
+    EXPECT_EQ(modules[0]->status_reads(), reads);
   }
   EXPECT_FALSE(SOC_BoardID(0, nullptr));
 }

@@ -164,8 +164,7 @@ TEST_F(AppleList, ThirteenArrivalsOnlyTerminationRemovesThenRemoveAll) {
   for (auto* unit : units) bus.remove(*unit);
   // Still armed: a new arrival is listed again, and only then the log moves.
   add_unit(15);
-  ASSERT_TRUE(wait_until([] { return listed().size() == 1; }));
-  ASSERT_TRUE(wait_until([&] { return !log.syslog().empty(); }));
+  ASSERT_TRUE(wait_until([&] { return listed().size() == 1 && !log.syslog().empty(); }));
   EXPECT_EQ(log.syslog(), Lines{"Apple Device added: DeviceName=iPhone locationID=0x13f0000"});
 }
 

@@ -147,9 +147,8 @@ TEST(UsbLocationText, TiersIndexesStatusDigitsAndTheUartTable) {
               Lines{entry < 0 ? "Shouldn't come here! Illegal USB UART Name:" + text
                               : "Save " + text + " locationID 0x1191000 to list (index=" +
                                     std::to_string(entry) + ")"});
-    const auto* list = g_ListUartLocationID;
-    EXPECT_EQ(std::count(list, list + 12, 0u), entry < 0 ? 12 : 11);
-    EXPECT_EQ(entry < 0 ? 0x1191000u : list[entry], 0x1191000u);
+    EXPECT_EQ(std::ranges::count(g_ListUartLocationID, 0u), entry < 0 ? 12 : 11);
+    EXPECT_EQ(entry < 0 ? 0x1191000u : g_ListUartLocationID[entry], 0x1191000u);
   }
 }
 

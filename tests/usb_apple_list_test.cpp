@@ -57,8 +57,7 @@ struct AppleList : ::testing::Test {
     usbDeviceRemoveAll();
   }
   void remove_units() {
-    for (auto* device : bus.devices())
-      device->desc().vendor == kApple ? bus.remove(*device) : void();
+    for (auto* d : bus.devices()) d->desc().vendor == kApple ? bus.remove(*d) : void();
   }
   sim::UsbDevice& add_unit(int n, const std::string& name = "iPhone") {  // port 1-3.n
     return bus.add({"1-3." + std::to_string(n), kApple, kUnit, name, "", 0, {}});
@@ -198,8 +197,8 @@ TEST_F(AppleList, StormsAndAStormWhileEveryRecordIsFreed) {
 // Of two attached units one leaves before the first scan reaches it: no record of it is left.
 TEST_F(AppleList, UnitLeavingDuringTheFirstScanLeavesNoRecord) {
   static sim::UsbDevice* units[2];
-  static uint32_t kept = 0;
-  units[0] = &add_unit(1), units[1] = &add_unit(2);
+  static uint32_t kept;
+  units[0] = &add_unit(1), units[1] = &add_unit(2), kept = 0;
   brakwell::platform::set_line_sink(
       [](bool, const char* text, void* bus) {
         if (kept || std::strncmp(text, "Apple Device added:", 19) != 0) return;

@@ -18,21 +18,6 @@ using Bytes = std::vector<uint8_t>;
 using Frames = std::vector<Bytes>;
 using Lines = std::vector<std::string>;
 
-// One testbed for the whole program: the library's libusb context hears only the testbed that
-// was current when it was made.
-sim::Testbed* bed = nullptr;
-sim::UsbBus* bus = nullptr;
-class DioEnvironment : public ::testing::Environment {
-  void SetUp() override { bed = new sim::Testbed, bus = new sim::UsbBus(*bed); }
-  void TearDown() override {
-    for (int m = 0; m < 2; ++m) dio::release_module(m);
-    brakwell::platform::usb::shutdown();
-    delete bus;
-    delete bed;
-  }
-};
-const auto* const environment = ::testing::AddGlobalTestEnvironment(new DioEnvironment);
-
 // libusb learns of arrivals and removals from uevents, a moment after they happen.
 bool wait_alive(int m, int want) {
   for (int i = 0; i < 400 && USBDeviceAlive(m) != want; ++i)
@@ -47,21 +32,28 @@ Frames rest_frames(Frames first, std::initializer_list<int> registers) {
   return first;
 }
 const std::initializer_list<int> kAllRest = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13};
-const unsigned char kStatusFrame[] = {0x02, 0x03, 0x02};
 const Lines kBroken = {"USB Error|USB Connection to DFU DIO_01 Module is broken!|OK"};
 
 class Dio : public ::testing::Test {
  protected:
+  // One testbed for the program: the library's libusb context hears only the one it was made in.
+  static void SetUpTestSuite() { bed = new sim::Testbed, bus = new sim::UsbBus(*bed); }
+  static void TearDownTestSuite() {
+    for (int m = 0; m < 2; ++m) dio::release_module(m);
+    brakwell::platform::usb::shutdown();
+    delete bus;
+    delete bed;
+  }
   void SetUp() override {
     ASSERT_TRUE(wait_alive(0, 0) && wait_alive(1, 0));
     std::memset(dio::reg, 0, sizeof dio::reg);
     dio::bDioOpened[0] = dio::bDioOpened[1] = 0;
     dio::sensorState[0] = dio::sensorState[1] = 7;
     brakwell::platform::set_alert_sink(
-        [](const char* t, const char* msg, const char* b, void* self) {
-          static_cast<Dio*>(self)->alerts.push_back(std::string(t) + "|" + msg + "|" + b);
+        [](const char* t, const char* m, const char* b, void* out) {
+          static_cast<Lines*>(out)->push_back(std::string(t) + "|" + m + "|" + b);
         },
-        this);
+        &alerts);
   }
   void TearDown() override {
     for (int m = 0; m < 2; ++m) {
@@ -90,27 +82,27 @@ class Dio : public ::testing::Test {
     return module;
   }
 
+  static inline sim::Testbed* bed;
+  static inline sim::UsbBus* bus;
   std::optional<sim::DioModule> modules[2];
   testing_support::LogCapture log;
   Lines alerts;  // title|message|button
 };
 
-// openUSB(1) takes 0xDF02 only; an interface of the wrong class leaves the pipes silent;
-// closeUSB clears the tables; a missing device node prints the open failures.
-TEST_F(Dio, OpenFailuresAndClose) {
+// openUSB(1) takes 0xDF02 only; an interface of the wrong class leaves the pipes silent.
+TEST_F(Dio, OpenFailuresCloseAndCallbacks) {
   sim::DioModule& vendorClass = plug(0, 0xff);
   EXPECT_EQ(openUSB(1), 0);
   EXPECT_EQ(openUSB(0), 1);
-  EXPECT_EQ(writeToEndpt(0, 1, kStatusFrame, 3), 0);
+  const unsigned char frame[] = {0x02, 0x03, 0x02};
+  EXPECT_EQ(writeToEndpt(0, 1, frame, 3), 0);
   EXPECT_EQ(vendorClass.transfers(), 0u);
   closeUSB(0);
   unplug(0);
   open(1);
   EXPECT_EQ(closeUSB(1), 0);
-  const auto& m = dio::modules[1];
-  EXPECT_EQ((std::vector<const void*>{m.device, m.list, m.service, dio::masterPort}),
-            std::vector<const void*>(4, nullptr));
-  EXPECT_FALSE(m.hasInterface);
+  const auto& m = dio::modules[1];  // the tables cleared
+  EXPECT_TRUE(!m.device && !m.list && !m.service && !dio::masterPort && !m.hasInterface);
   EXPECT_TRUE(alerts.empty() && log.syslog().empty() && log.stdout_lines().empty());
 
   sim::DioModule& noNode = plug(0);  // still listed, but no handle can be made
@@ -128,11 +120,27 @@ TEST_F(Dio, OpenFailuresAndClose) {
              "dealWithInterface: unable to create plugin. ret = fffffffe, iodev = (nil)\n",
              "dealWithInterface: unable to create a device interface. ret = fffffffc, intf = "
              "(nil)\n"}));
+  // The asynchronous-read callbacks only log and flag; with no desktop an alert is printed.
+  const int second = 1;
+  readTimerHandler(nullptr, &second);
+  readTimerHandler(nullptr, nullptr);
+  readCompletion(nullptr, 0);
+  readCompletion(nullptr, static_cast<int>(0xe00002d6));
+  EXPECT_EQ(log.syslog(),
+            (Lines{"VELMORA: USBDIO_02 Read Timeout! readTimerHandler invoked!",
+                   "VELMORA: USB readCompletion: error from async read (e00002d6)\n"}));
+  EXPECT_EQ(dio::modules[1].readError, 1);
+  brakwell::platform::set_alert_sink(nullptr, nullptr);
+  unsetenv("DISPLAY");
+  unsetenv("WAYLAND_DISPLAY");
+  ::testing::internal::CaptureStderr();
+  brakwell::platform::alert("USB Error", "USB Connection to DFU DIO_01 Module is broken!", "OK");
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+            "USB Error: USB Connection to DFU DIO_01 Module is broken!\n");
 }
 
-// The request's bytes; then the module leaves: the request fails with its line, and neither
-// closeUSB nor an openUSB that finds nothing gives up its handle, so its pipes fail aloud (until a
-// fresh open replaces it: the broken-link rows after the first).
+// Once the module left, neither closeUSB nor an openUSB that finds nothing gives up its handle,
+// so its pipes fail aloud (until a fresh open replaces it: the broken-link rows after the first).
 TEST_F(Dio, VendorRequestAndAModuleThatLeft) {
   EXPECT_EQ(vendorRequest(0, 1), 0);
   sim::DioModule& module = open(0);
@@ -158,19 +166,12 @@ TEST_F(Dio, VendorRequestAndAModuleThatLeft) {
   EXPECT_EQ(alerts, kBroken);
 }
 
-// A link that breaks in the middle of a write, of a read, or of the debounce's third status read
-// (the sensors read as all open): one log line, one alert, the interface dropped. openUSB keeps
-// the broken handle (refused as busy); later calls, the board id too, fail at once and silently
-// without a transfer, also once the module has left.
+// A link broken in a write, a read or the debounce's third status read (sensors all open): one
+// line, one alert, the interface dropped, openUSB refused as busy; later calls, the board id too,
+// fail at once and silently without a transfer, also once the module has left.
 TEST_F(Dio, BrokenLinkAlertsOnceAndSilencesThePipes) {
-  const char* const read =
-      "VELMORA: USB Read: unable to do usb read to pipe1. Error Code: ffffffff\n";
   // Which transfer fails, and the value the call leaves.
-  for (const auto& [failing, left, line] :
-       std::initializer_list<std::tuple<size_t, uint32_t, const char*>>{
-           {1, 0, "VELMORA: USB Write: unable to do usb write to pipe2. Error Code: ffffffff\n"},
-           {2, 0, read},
-           {6, 0xff, read}}) {
+  for (const auto& [failing, left] : {std::pair<size_t, uint32_t>{1, 0}, {2, 0}, {6, 0xff}}) {
     SCOPED_TRACE(failing);
     sim::DioModule& module = open(0, true);
     alerts.clear();
@@ -196,34 +197,16 @@ TEST_F(Dio, BrokenLinkAlertsOnceAndSilencesThePipes) {
     }
     EXPECT_EQ(dio::reg[0][2], 0x33);
     EXPECT_EQ(module.transfers(), transfers);
-    EXPECT_EQ(log.syslog(), Lines{line});
+    EXPECT_EQ(log.syslog(), Lines{failing == 1 ? "VELMORA: USB Write: unable to do usb write to "
+                                                 "pipe2. Error Code: ffffffff\n"
+                                               : "VELMORA: USB Read: unable to do usb read to "
+                                                 "pipe1. Error Code: ffffffff\n"});
     EXPECT_EQ(alerts, kBroken);
     unplug(0);
   }
 }
 
-// The asynchronous-read callbacks only log and flag; the alert without a desktop session goes to
-// standard error.
-TEST_F(Dio, AsyncReadCallbacksAndAlertText) {
-  const int second = 1;
-  readTimerHandler(nullptr, &second);
-  readTimerHandler(nullptr, nullptr);
-  readCompletion(nullptr, 0);
-  readCompletion(nullptr, static_cast<int>(0xe00002d6));
-  EXPECT_EQ(log.syslog(),
-            (Lines{"VELMORA: USBDIO_02 Read Timeout! readTimerHandler invoked!",
-                   "VELMORA: USB readCompletion: error from async read (e00002d6)\n"}));
-  EXPECT_EQ(dio::modules[1].readError, 1);
-  brakwell::platform::set_alert_sink(nullptr, nullptr);
-  unsetenv("DISPLAY");
-  unsetenv("WAYLAND_DISPLAY");
-  ::testing::internal::CaptureStderr();
-  brakwell::platform::alert("USB Error", "USB Connection to DFU DIO_01 Module is broken!", "OK");
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-            "USB Error: USB Connection to DFU DIO_01 Module is broken!\n");
-}
-
-TEST_F(Dio, RegisterFramesOpenReadStatusClose) {
+TEST_F(Dio, RegisterFramesAndWriteTexts) {
   sim::DioModule& module = open(0);
   uint32_t value = 0xdead;
   EXPECT_EQ(dioRead(0, 5, &value), 0);  // not opened yet: nothing sent
@@ -241,8 +224,7 @@ TEST_F(Dio, RegisterFramesOpenReadStatusClose) {
   EXPECT_EQ(value, 0x47u);
   unsigned char buffer[64] = {};
   EXPECT_EQ(readFromEndpt(0, 1, buffer, 1), 1);  // ten bytes whatever the size
-  // Refused without a transfer: no channel 0, no pipe 3, no buffer, no text, no register or
-  // channel 16, none whose pipe number overflows.
+  // Refused without a transfer: no channel 0, pipe 3, buffer, text, register 16 or overflow.
   EXPECT_EQ(writeToEndpt(0, 0, buffer, 3) + readFromEndpt(0, 2, buffer, 10) +
                 readFromEndpt(0, 1, nullptr, 10) + dioWrite(0, 2, nullptr),
             0);
@@ -261,10 +243,6 @@ TEST_F(Dio, RegisterFramesOpenReadStatusClose) {
                                          kAllRest));
   EXPECT_EQ(dio::bDioOpened[0], 0);
   EXPECT_TRUE(log.syslog().empty());
-}
-
-TEST_F(Dio, WriteTexts) {
-  sim::DioModule& module = open(0);
   // Text, the register before, what is sent (-1: nothing, result 0).
   const std::tuple<const char*, uint8_t, int> cases[] = {
       {"11110000", 0x0f, 0xf0}, {"1x0xxxxx", 0x25, 0x85}, {"xxxxxxxx", 0x5a, 0x5a},
@@ -320,15 +298,14 @@ TEST_F(Dio, SensorDebounceAndBoardId) {
       {{0xa3, 0xa3}, true, true, 10, 2}, {{0xf0}, true, false, 15, 1}, {{0x03}, true, false, 0, 1},
       {{0xa3, 0xb3}, true, false, 10, 2}, {{0xa3}, false, false, 255, 0}};
   // clang-format on
-  sim::DioModule& module = *modules[0];
   for (const auto& [status, opened, result, want, reads] : ids) {
     SCOPED_TRACE(status[0] + 256 * opened);
-    module.script_status(status);
+    modules[0]->script_status(status);
     dio::bDioOpened[0] = opened;
     uint32_t id = 0;
     EXPECT_EQ(SOC_BoardID(0, &id), result);
     EXPECT_EQ(id, want);
-    EXPECT_EQ(module.status_reads(), reads);
+    EXPECT_EQ(modules[0]->status_reads(), reads);
   }
   EXPECT_FALSE(SOC_BoardID(0, nullptr));
 }

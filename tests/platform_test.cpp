@@ -11,11 +11,10 @@
 namespace {
 
 using namespace brakwell::platform;
-using testing_support::takes;
 
 // Never short: every pause the suites time checks that.
 TEST(Platform, SleepNothingForNonPositive) {
-  takes(0, 0.005, [] {
+  testing_support::takes(0, 0.005, [] {
     for (double none : {0.0, -1.0, __builtin_nan("")}) sleep_seconds(none);
     return 0;
   });

@@ -28,9 +28,8 @@ constexpr long kApple = 0x05ac, kUnit = 0x1281;
 
 template <typename Pred>
 bool wait_until(Pred pred, double seconds = 10) {
-  for (const double end = monotonic_seconds() + seconds; !pred(); sleep_seconds(0.0005)) {
+  for (const double end = monotonic_seconds() + seconds; !pred(); sleep_seconds(0.0005))
     if (monotonic_seconds() > end) return false;
-  }
   return true;
 }
 Ids listed() {
@@ -42,9 +41,6 @@ Ids history() {
   Ids out(std::begin(g_ListUutLocationID), std::end(g_ListUutLocationID));
   out.erase(0);
   return out;
-}
-bool wait_listed(size_t n) {
-  return wait_until([n] { return listed().size() == n; });
 }
 struct AppleList : ::testing::Test {
   // A libusb context hears only the testbed it was made in: each test starts a fresh one.
@@ -61,17 +57,15 @@ struct AppleList : ::testing::Test {
     usbDeviceRemoveAll();
   }
   void remove_units() {
-    for (auto* device : bus.devices())
-      device->desc().vendor == kApple ? bus.remove(*device) : void();
+    for (auto* d : bus.devices()) d->desc().vendor == kApple ? bus.remove(*d) : void();
   }
   sim::UsbDevice& add_unit(int n, const std::string& name = "iPhone") {  // port 1-3.n
     return bus.add({"1-3." + std::to_string(n), kApple, kUnit, name, "", 0, {}});
   }
-  // Units come and go on `sites` ports in a scattered order until `more()` is false. They have
-  // no name string, so the library never opens them: under umockdev, opening a device while the
-  // testbed removes it can wedge the ioctl worker. Returns the locations still present.
+  // Units come and go on `sites` ports, scattered, until `more()` is false; nameless, so never
+  // opened (under umockdev an open racing the removal can wedge). Returns those still present.
   template <typename More>
-  Ids storm(size_t sites, double pause, More more, std::set<uint32_t>& seen) {
+  Ids storm(size_t sites, double pause, std::set<uint32_t>& seen, More more) {
     std::vector<sim::UsbDevice*> present(sites, nullptr);
     for (unsigned seed = 7; more(); sleep_seconds(pause)) {
       seed = seed * 1103515245 + 12345;
@@ -109,7 +103,7 @@ TEST_F(AppleList, AttachedAtOnceThenArrivalsRemovalsAndReturnFromTheEventThread)
   EXPECT_TRUE(wait_until([&] { return log.has(added); }, 5));  // its figure: scripts/bench
   EXPECT_EQ(listed().size(), 3u);
   bus.remove(third);
-  ASSERT_TRUE(wait_listed(2));
+  ASSERT_TRUE(wait_until([] { return listed().size() == 2; }));
   EXPECT_TRUE(log.has("Apple Device removed. Device Name:iPad locationID: 0x1133000"));
   EXPECT_EQ(log.syslog().size(), 4u);
   bus.add_unit(3, "iPad");  // back at the same location: the history keeps it once
@@ -142,11 +136,9 @@ TEST_F(AppleList, FullListStillFillsAFreeHistoryEntry) {
   for (auto& record : records) std::free(record.deviceName);
 }
 
-// Of thirteen arrivals the last is refused, yet watched: its removal clears nothing. Messages
-// other than termination are ignored; usbDeviceRemoveAll frees every record, and the later
-// removals of the same devices can no longer reach them (ASan would see a use).
+// Of thirteen arrivals the last is refused, yet watched: its removal clears nothing. Only the
+// termination message removes; usbDeviceRemoveAll frees all, out of later removals' reach (ASan).
 TEST_F(AppleList, ThirteenArrivalsOnlyTerminationRemovesThenRemoveAll) {
-  usbDeviceRemoveAll();  // never armed, nothing listed: nothing happens
   ASSERT_EQ(usbDeviceConnStatus(kApple, kUnit), 0);
   std::vector<sim::UsbDevice*> units;
   for (int n = 1; n <= 13; ++n) units.push_back(&add_unit(n));
@@ -171,8 +163,7 @@ TEST_F(AppleList, ThirteenArrivalsOnlyTerminationRemovesThenRemoveAll) {
   for (auto* unit : units) bus.remove(*unit);
   // Still armed: a new arrival is listed again, and only then the log moves.
   add_unit(15);
-  ASSERT_TRUE(wait_listed(1));
-  ASSERT_TRUE(wait_until([&] { return !log.syslog().empty(); }));
+  ASSERT_TRUE(wait_until([&] { return listed().size() == 1 && !log.syslog().empty(); }));
   EXPECT_EQ(log.syslog(), Lines{"Apple Device added: DeviceName=iPhone locationID=0x13f0000"});
 }
 
@@ -181,18 +172,15 @@ TEST_F(AppleList, ThirteenArrivalsOnlyTerminationRemovesThenRemoveAll) {
 TEST_F(AppleList, StormsAndAStormWhileEveryRecordIsFreed) {
   ASSERT_EQ(usbDeviceConnStatus(kApple, kUnit), 0);
   std::set<uint32_t> seen;
-  int events = 0;
-  const Ids expected = storm(
-      6, 0, [&] { return events++ < 400; }, seen);
+  const Ids expected = storm(6, 0, seen, [events = 0]() mutable { return events++ < 400; });
   ASSERT_TRUE(wait_until([&] { return listed() == expected; }, 60));
   EXPECT_LE(history().size(), 6u);
   remove_units();
-  ASSERT_TRUE(wait_listed(0));
+  ASSERT_TRUE(wait_until([] { return listed().empty(); }));
   const size_t added = log.timed("Apple Device added:").size();
   std::atomic<bool> stop{false};
   std::thread thread([&] {
-    storm(
-        8, 0.002, [&] { return !stop; }, seen);
+    storm(8, 0.002, seen, [&] { return !stop; });
     remove_units();
   });
   ASSERT_TRUE(wait_until([&] { return log.timed("Apple Device added:").size() > added + 8; }));
@@ -200,41 +188,35 @@ TEST_F(AppleList, StormsAndAStormWhileEveryRecordIsFreed) {
   sleep_seconds(0.2);
   stop = true;
   thread.join();
-  ASSERT_TRUE(wait_listed(0));
+  ASSERT_TRUE(wait_until([] { return listed().empty(); }));
   sleep_seconds(0.1);  // late removals of records that were already freed
   EXPECT_EQ(log.timed("Apple Device added:").size(), log.timed("Apple Device removed.").size());
   for (uint32_t id : history()) EXPECT_TRUE(seen.count(id)) << std::hex << id;
 }
 
-// The first of two attached units is recorded; the other leaves before the scan reaches it.
-// Its removal must not overtake its arrival and leave a record of a unit that is gone.
+// Of two attached units one leaves before the first scan reaches it: no record of it is left.
 TEST_F(AppleList, UnitLeavingDuringTheFirstScanLeavesNoRecord) {
-  struct Hook {
-    AppleList* test;
-    sim::UsbDevice* units[2];
-    uint32_t kept = 0;
-  } hook{this, {&add_unit(1), &add_unit(2)}};
+  static sim::UsbDevice* units[2];
+  static uint32_t kept;
+  units[0] = &add_unit(1), units[1] = &add_unit(2), kept = 0;
   brakwell::platform::set_line_sink(
-      [](bool, const char* text, void* context) {
-        auto* h = static_cast<Hook*>(context);
-        if (h->kept || std::strncmp(text, "Apple Device added:", 19) != 0) return;
+      [](bool, const char* text, void* bus) {
+        if (kept || std::strncmp(text, "Apple Device added:", 19) != 0) return;
         const bool first = std::strstr(text, "0x1310000") != nullptr;
-        h->kept = first ? 0x1310000 : 0x1320000;
-        h->test->bus.remove(*h->units[first ? 1 : 0]);
+        kept = first ? 0x1310000 : 0x1320000;
+        static_cast<sim::UsbBus*>(bus)->remove(*units[first ? 1 : 0]);
         sleep_seconds(0.3);  // time enough for the event thread to take the removal
       },
-      &hook);
+      &bus);
   EXPECT_EQ(usbDeviceConnStatus(kApple, kUnit), 0);
   brakwell::platform::set_line_sink(nullptr, nullptr);
-  ASSERT_NE(hook.kept, 0u);
-  EXPECT_TRUE(wait_until([&] { return listed() == Ids{hook.kept}; }, 3));
+  ASSERT_NE(kept, 0u);
+  EXPECT_TRUE(wait_until([] { return listed() == Ids{kept}; }, 3));
 }
 
-// Each arm lists the attached unit again, as the first did. The host's calls record every
-// device they are given, whatever their context pointer, as often as they are made, and the
-// unit's removal takes every record. A child forked while the event thread holds the tracker's
-// lock exits through the static destructors, as after a failed exec: it neither waits for that
-// lock nor crashes, and later arrivals are listed once each.
+// Each arm lists the attached unit again; the host's calls record every device, whatever the
+// context, each time; its removal takes every record. A child forked with the tracker's lock held
+// exits through the static destructors without waiting for it; later arrivals are listed once.
 TEST_F(AppleList, ArmedAgainAndAgainByTheHostAndAcrossAFork) {
   add_unit(1, "");
   for (int round = 0; round < 13; ++round) {
@@ -246,10 +228,9 @@ TEST_F(AppleList, ArmedAgainAndAgainByTheHostAndAcrossAFork) {
   ASSERT_EQ(usbDeviceConnStatus(kApple, kUnit), 0);
   auto devices = brakwell::usb::matching_devices(kApple, kUnit);
   ASSERT_TRUE(devices && devices->size() == 1);
-  devices->push_back(nullptr);
+  devices->push_back(nullptr);  // the end of the host's list
   for (intptr_t context : {0, 0, 7, 7})
     usbDeviceArrival(reinterpret_cast<void*>(context), devices->data());
-  devices->pop_back();
   brakwell::usb::release_devices(*devices);
   EXPECT_EQ(listed(), (Ids{0x1310000, 0x1310000, 0x1310000, 0x1310000, 0x1310000}));
   bus.remove(*bus.find("1-3.1"));
@@ -283,8 +264,7 @@ TEST_F(AppleList, ArmedAgainAndAgainByTheHostAndAcrossAFork) {
   EXPECT_EQ(listed(), (Ids{0x1320000, 0x1330000}));
 }
 
-// Under an address-space limit the event thread cannot start: the call answers 0 and logs one
-// line, and the host goes on.
+// With no room for the event thread the call answers 0 and logs one line; the host goes on.
 TEST(AppleThread, FailsOnlyTheCallWhenItCannotStart) {
 #if !defined(__SANITIZE_ADDRESS__)  // ASan reserves the address space that the limit would cap
   GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -301,11 +281,8 @@ TEST(AppleThread, FailsOnlyTheCallWhenItCannotStart) {
         const rlim_t bytes = static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (2 << 20);
         const auto limit = (rlimit{bytes, bytes});  // in parentheses: a macro argument
         setrlimit(RLIMIT_AS, &limit);
-        const int rc = usbDeviceConnStatus(kApple, kUnit);
-        const auto lines = log.syslog();
-        const bool one =
-            lines.size() == 1 && lines[0].rfind("usbDeviceConnStatus failed: ", 0) == 0;
-        std::_Exit(rc == 0 && one ? 0 : 1);
+        std::_Exit(usbDeviceConnStatus(kApple, kUnit) != 0 || log.syslog().size() != 1 ||
+                   log.syslog()[0].rfind("usbDeviceConnStatus failed: ", 0) != 0);
       },
       ::testing::ExitedWithCode(0), "");
 #endif

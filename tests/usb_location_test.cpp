@@ -22,9 +22,8 @@ using testing_support::Lines;
 std::vector<std::pair<std::string, uint32_t>> listed_names(long vendor, long product) {
   std::vector<std::pair<std::string, uint32_t>> names;
   auto devices = brakwell::usb::matching_devices(vendor, product);
-  for (auto* d : *devices) {
+  for (auto* d : *devices)
     names.emplace_back(platform_usb::product_string(d), platform_usb::location_id(d).value_or(0));
-  }
   brakwell::usb::release_devices(*devices);
   return names;
 }
@@ -39,8 +38,8 @@ class UsbBusTest : public ::testing::Test {
     std::fill(std::begin(g_ListUutLocationID), std::end(g_ListUutLocationID), 0);
   }
   ~UsbBusTest() override { platform_usb::shutdown(); }
-  sim::UsbDevice& ftdi(const std::string& portPath, const std::string& name) {
-    return bus.add({portPath, 0x0403, 0x6001, name, "FT1", 0, {}});
+  sim::UsbDevice& ftdi(const std::string& portPath, const std::string& name, uint16_t id = 0x6001) {
+    return bus.add({portPath, 0x0403, id, name, "FT1", 0, {}});
   }
 
   sim::Testbed bed;
@@ -63,23 +62,22 @@ TEST_F(UsbBusTest, CableKind) {
     bus.remove(device);
   }
   const char* named[] = {"USB UART", "Plain bridge", "USB <-> Serial Cable"};
-  for (int round = 0; round < 2; ++round) {
-    std::vector<sim::UsbDevice*> added;
+  for (int round = 0; round < 2; ++round) {  // forwards on product 0x6002, backwards on 0x6003
+    const uint16_t product = 0x6002 + round;
     for (int i = 0; i < 3; ++i)
-      added.push_back(&ftdi("1-3." + std::to_string(i + 1), named[round ? 2 - i : i]));
+      ftdi("1-" + std::to_string(4 + round) + "." + std::to_string(i + 1), named[round ? 2 - i : i],
+           product);
     std::string last;
-    for (const auto& [name, id] : listed_names(0x0403, 0x6001))
+    for (const auto& [name, id] : listed_names(0x0403, product))
       last = name == named[1] ? last : name;
-    EXPECT_EQ(enumUsbForLocationID(0x0403, 0x6001), last == named[0] ? 1 : 2);
-    for (auto* device : added) bus.remove(*device);
+    EXPECT_EQ(enumUsbForLocationID(0x0403, product), last == named[0] ? 1 : 2);
   }
   ftdi("1-3.1", "USB UART");
   EXPECT_EQ(enumUsbForLocationID(0x10403, 0x6001), 0);  // the ids' upper bits count
 }
 
-// Names with "CDC" in any case, in list order, each followed by a comma, read with the one serial
-// request the boards answer; a board whose serial number cannot be read is skipped; the next
-// enumeration starts a new text.
+// Names with "CDC" in any case, in list order, each with a comma, read with the boards' one serial
+// request; a board whose serial cannot be read is skipped; the next enumeration starts anew.
 TEST_F(UsbBusTest, BoardNamesAndTheSerialRequest) {
   sim::UsbDevice& good = bus.add_board(1);
   bus.add_board(2).fail_strings(true);
@@ -98,8 +96,7 @@ TEST_F(UsbBusTest, BoardNamesAndTheSerialRequest) {
   EXPECT_TRUE(log.has("UART Device added: DeviceName=Velmora_DFU_Boot Serial Number=X8"));
   EXPECT_EQ(log.count("Could not get serial number string using index\n"), 1u);
   EXPECT_EQ(log.syslog().size(), 29u);
-  const auto asked = good.control_log();
-  EXPECT_TRUE(std::any_of(asked.begin(), asked.end(), [](const sim::UsbSetup& s) {
+  EXPECT_TRUE(std::ranges::any_of(good.control_log(), [](const sim::UsbSetup& s) {
     return s.bmRequestType == 0x80 && s.bRequest == 6 && s.wValue == 0x0303 && s.wIndex == 0x0409 &&
            s.wLength == 256;
   }));
@@ -107,25 +104,56 @@ TEST_F(UsbBusTest, BoardNamesAndTheSerialRequest) {
   EXPECT_STREQ(mutableUSBDeviceName, "");
 }
 
-TEST(UsbLocationRule, TiersAndTrailingZeros) {
+TEST(UsbLocationText, TiersIndexesStatusDigitsAndTheUartTable) {
   // clang-format off
-  const std::pair<std::vector<uint8_t>, std::optional<uint32_t>> rows[] = {  // bus, then ports
+  const std::pair<std::vector<uint8_t>, std::optional<uint32_t>> tiers[] = {  // bus, then ports
       {{1, 2, 3}, 0x1230000}, {{1, 2, 2, 3}, 0x1223000}, {{1, 1, 4, 5, 2, 1, 1}, 0x1145211},
       {{3}, 0x3000000}, {{0x14, 5, 2, 1, 1}, 0x14521100}, {{1, 15, 15}, 0x1ff0000},
       {{1, 16}, std::nullopt}, {{1, 2, 16, 3}, std::nullopt},  // no single digit for a port
       {{1, 1, 1, 1, 1, 1, 1, 1}, std::nullopt}};                // seven tiers do not fit
   // clang-format on
-  for (const auto& [path, id] : rows) {
+  for (const auto& [path, id] : tiers)
     EXPECT_EQ(platform_usb::location_id(path[0], path.data() + 1, int(path.size()) - 1), id);
-  }
   const std::pair<uint32_t, uint32_t> stripped[] = {
       {0, 0}, {0x140, 0x14}, {0x1A, 0x1A}, {0x100, 0x1}, {0x1223000, 0x1223}, {0x80000000, 0x8}};
   for (auto [in, out] : stripped) EXPECT_EQ(removeHexTrailingZeros(in), out) << std::hex << in;
+  // clang-format off
+  const std::tuple<const char*, const char*, int, const char*> indexes[] = {
+      {"0x14521100", "0x14522100", 6, nullptr}, {"0x1", "0x2", 2, nullptr},
+      {"", "", -1, "Error strLen1:0, strLen2:0"}, {"0x123", "0x123", -1, "Error strLen1:5, strLen2:5"},
+      {"0x11", "0x111", -1, "Error Length for strLen1:4, strLen2:5"},
+      {nullptr, "0x1", -1, "Error Length for strLen1:0, strLen2:3"},
+      {"\u00e9", "a", 0, nullptr},  // the index counts 16-bit units of the texts
+      {"\U0001F600a", "\U0001F600b", 2, nullptr}};
+  // clang-format on
+  for (const auto& [a, b, index, line] : indexes) {
+    testing_support::LogCapture log;
+    EXPECT_EQ(getDifferentLocationIndex(a, b), index);
+    EXPECT_EQ(log.syslog(), line ? Lines{line} : Lines{});
+  }
+  // Status digits take no base prefix and saturate.
+  using brakwell::link::parse_status_reply;
+  EXPECT_EQ(parse_status_reply("x=0b11 l_sw"), 0);
+  EXPECT_EQ(parse_status_reply(("x=" + std::string(70, '1') + " l_sw").c_str()), 63);
+  const std::pair<const char*, int> uarts[] = {
+      {"USB UART9", 8}, {"USB-UART1", 0}, {"USB UART12", 1}, {"USB UART0", -1},
+      {"", -1},         {nullptr, -1},    {"UART", -1}};
+  for (const auto& [name, entry] : uarts) {
+    testing_support::LogCapture log;
+    std::fill(std::begin(g_ListUartLocationID), std::end(g_ListUartLocationID), 0);
+    addToUartLocationIDList(name, 0x1191000);
+    const std::string text = name ? name : "(null)";
+    EXPECT_EQ(log.syslog(),
+              Lines{entry < 0 ? "Shouldn't come here! Illegal USB UART Name:" + text
+                              : "Save " + text + " locationID 0x1191000 to list (index=" +
+                                    std::to_string(entry) + ")"});
+    EXPECT_EQ(std::ranges::count(g_ListUartLocationID, 0u), entry < 0 ? 12 : 11);
+    EXPECT_EQ(entry < 0 ? 0x1191000u : g_ListUartLocationID[entry], 0x1191000u);
+  }
 }
 
-// getUSBLocationForUART: the fixture's UARTs of sites 1..sites and others, the text answered
-// (USBLocation holds its fields), and the log: every line in order when `whole`, else these
-// lines among others.
+// getUSBLocationForUART: the UARTs of sites 1..sites and others, the text answered (USBLocation
+// holds its fields), and the log: every line in order when `whole`, else these among others.
 struct UartCase {
   std::string name;
   int sites;
@@ -134,7 +162,6 @@ struct UartCase {
   Lines log = {};
   bool whole = false;
 };
-void PrintTo(const UartCase& c, std::ostream* out) { *out << c.name; }
 
 class UartLocation : public UsbBusTest, public ::testing::WithParamInterface<UartCase> {};
 
@@ -145,9 +172,8 @@ TEST_P(UartLocation, Answers) {
   EXPECT_EQ(getUSBLocationForUART(0x0403, 0x6001), c.text);
   std::istringstream fields(c.text == "error" ? ",,,,,,," : c.text);
   std::string field;
-  for (int i = 0; std::getline(fields, field, ','); ++i) {
+  for (int i = 0; std::getline(fields, field, ','); ++i)
     EXPECT_EQ(USBLocation[i] ? std::string(USBLocation[i]) : "", field) << i;
-  }
   auto lines = log.syslog();
   if (c.whole) {  // the devices are taken in list order
     std::sort(lines.begin(), lines.begin() + std::min(lines.size(), c.uarts.size()));
@@ -190,9 +216,8 @@ TEST_F(UsbBusTest, DfuLookupLastOneWinsAndTheHostsSlotsStay) {
   bus.add_unit(7, "iPhone (DFU Mode)", 0x05ac, 0x1227);
   bus.add_unit(4, "iPhone (Recovery Mode)", 0x05ac, 0x1227);
   uint32_t last = 0;
-  for (const auto& [name, id] : listed_names(0x05ac, 0x1227)) {
-    if (name.find("Recovery") == std::string::npos) last = id;
-  }
+  for (const auto& [name, id] : listed_names(0x05ac, 0x1227))
+    last = name.find("Recovery") == std::string::npos ? id : last;
   EXPECT_TRUE(last == 0x1123000 || last == 0x1233000) << last;
   EXPECT_EQ(std::stoul(getUSBLocationForMCU(0x05ac, 0x1227), nullptr, 16), last);
   EXPECT_TRUE(log.syslog().empty());
@@ -204,51 +229,8 @@ TEST_F(UsbBusTest, DfuLookupLastOneWinsAndTheHostsSlotsStay) {
   EXPECT_NE(USBLocation[0], nullptr);
 }
 
-TEST(UsbLocationText, DifferentLocationIndexAndStatusDigits) {
-  // clang-format off
-  const std::tuple<const char*, const char*, int, const char*> rows[] = {
-      {"0x14521100", "0x14522100", 6, nullptr}, {"0x1", "0x2", 2, nullptr},
-      {"", "", -1, "Error strLen1:0, strLen2:0"}, {"0x123", "0x123", -1, "Error strLen1:5, strLen2:5"},
-      {"0x11", "0x111", -1, "Error Length for strLen1:4, strLen2:5"},
-      {nullptr, "0x1", -1, "Error Length for strLen1:0, strLen2:3"},
-      {"\u00e9", "a", 0, nullptr},  // the index counts 16-bit units of the texts
-      {"\U0001F600a", "\U0001F600b", 2, nullptr}};
-  // clang-format on
-  for (const auto& [a, b, index, line] : rows) {
-    testing_support::LogCapture log;
-    EXPECT_EQ(getDifferentLocationIndex(a, b), index);
-    EXPECT_EQ(log.syslog(), line ? Lines{line} : Lines{});
-  }
-  // Status digits take no base prefix and saturate.
-  using brakwell::link::parse_status_reply;
-  EXPECT_EQ(parse_status_reply("x=0b11 l_sw"), 0);
-  EXPECT_EQ(parse_status_reply("x= -1 l_sw"), 63);
-  EXPECT_EQ(parse_status_reply(("x=" + std::string(70, '1') + " l_sw").c_str()), 63);
-}
-
-TEST(UsbLocationText, UartTable) {
-  const std::pair<const char*, int> rows[] = {// -1: rejected
-                                              {"USB UART9", 8}, {"USB-UART1", 0}, {"USB UART0", -1},
-                                              {"", -1},         {nullptr, -1},    {"UART", -1},
-                                              {"USB UART12", 1}};
-  for (const auto& [name, entry] : rows) {
-    testing_support::LogCapture log;
-    std::fill(std::begin(g_ListUartLocationID), std::end(g_ListUartLocationID), 0);
-    addToUartLocationIDList(name, 0x1191000);
-    const std::string text = name ? name : "(null)";
-    EXPECT_EQ(log.syslog(),
-              Lines{entry < 0 ? "Shouldn't come here! Illegal USB UART Name:" + text
-                              : "Save " + text + " locationID 0x1191000 to list (index=" +
-                                    std::to_string(entry) + ")"});
-    const auto* list = g_ListUartLocationID;
-    EXPECT_EQ(std::count(list, list + 12, 0u), entry < 0 ? 12 : 11);
-    EXPECT_EQ(entry < 0 ? 0x1191000u : list[entry], 0x1191000u);
-  }
-}
-
-// No sibling: the log lists the units' locations, and the operator's report is written by lsusb
-// from the system directories (never the PATH's), private, never through a link (nor a log line
-// when it cannot be). A sibling found writes none.
+// No sibling: the log lists the units' locations; lsusb from the system directories (not PATH)
+// writes a private report, never through a link (silently skipped then). A sibling: no report.
 TEST_F(UsbBusTest, SiblingOrAPrivateReportButNeverThroughALink) {
   g_ListUartLocationID[0] = 0x14521100;
   g_ListUutLocationID[0] = 0x1223000;
@@ -282,16 +264,14 @@ TEST_F(UsbBusTest, SiblingOrAPrivateReportButNeverThroughALink) {
   }
   setenv("PATH", path.c_str(), 1);
   fs::remove_all(bin);
-  std::string kept;
-  std::ifstream(target) >> kept;
-  EXPECT_EQ(kept, "keep");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(std::ifstream(target).rdbuf()), {}), "keep");
   fs::remove(target);
   std::vector<std::string> files;
   for (const auto& name : names) fs::exists(name) ? files.push_back(name) : void();
   ASSERT_EQ(files.size(), 1u);
   EXPECT_EQ(fs::status(files[0]).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-  std::ifstream in(files[0]);
-  EXPECT_NE(std::string(std::istreambuf_iterator<char>(in), {}), "impostor\n");
+  EXPECT_NE(std::string(std::istreambuf_iterator<char>(std::ifstream(files[0]).rdbuf()), {}),
+            "impostor\n");
   // A sibling found (the other hub's location has a shorter text), UARTs unknown or out of range.
   g_ListUutLocationID[1] = 0x14521300;
   g_ListUutLocationID[2] = 0x14521200;
@@ -307,10 +287,7 @@ TEST_F(UsbBusTest, SiblingOrAPrivateReportButNeverThroughALink) {
              "No locationID for USB UART3. Please check for existence of USB UART3",
              "No locationID for USB UART41. Please check for existence of USB UART41",
              "No locationID for USB UART0. Please check for existence of USB UART0"}));
-  std::vector<std::string> after;
-  for (const auto& name : names) fs::exists(name) ? after.push_back(name) : void();
-  EXPECT_EQ(after, files);
-  for (const auto& name : names) fs::remove(name);
+  for (const auto& name : names) EXPECT_EQ(fs::remove(name), name == files[0]) << name;
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// dlclose unloads the library again and again, with its USB event thread armed, a unit arriving
-// and leaving, a per-thread text handed back and a DIO module left open: each copy is unloaded
-// and takes its thread and descriptors with it (LeakSanitizer checks the heap).
+// dlclose unloads each copy, with its event thread armed, a unit coming and going, a per-thread
+// text handed out and a DIO module open: its thread and descriptors go with it (LSan: the heap).
 #include <Brakwell.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -50,8 +49,6 @@ TEST(Reload, FreshCopyNoThreadNoDescriptorNoOpenModule) {
       bus->remove(unit);
       EXPECT_TRUE(wait_until([&] { return apple[1] == nullptr; }));
     }
-    auto* alive = reinterpret_cast<int (*)(int)>(symbol("USBDeviceAlive"));
-    EXPECT_TRUE(wait_until([&] { return alive(0) == 1; }));
     EXPECT_EQ(reinterpret_cast<int (*)(int)>(symbol("openUSB"))(0), 1);
     ASSERT_EQ(dlclose(library), 0);
     void* still = dlopen(so.c_str(), RTLD_NOW | RTLD_NOLOAD);

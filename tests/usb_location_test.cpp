@@ -248,7 +248,6 @@ TEST_F(UsbBusTest, SiblingOrAPrivateReportButNeverThroughALink) {
   std::ofstream(bin + "/lsusb") << "#!/bin/sh\necho impostor\n";
   fs::permissions(bin + "/lsusb", fs::perms::owner_all);
   setenv("PATH", (bin + ":" + path).c_str(), 1);
-  std::ofstream(target) << "keep";
   for (const auto& name : names) fs::create_symlink(target, name);
   for (bool linked : {true, false}) {  // every name a link, then none
     log.clear();
@@ -264,8 +263,7 @@ TEST_F(UsbBusTest, SiblingOrAPrivateReportButNeverThroughALink) {
   }
   setenv("PATH", path.c_str(), 1);
   fs::remove_all(bin);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(std::ifstream(target).rdbuf()), {}), "keep");
-  fs::remove(target);
+  EXPECT_FALSE(fs::remove(target));  // the links dangle: a report through one would make it
   std::vector<std::string> files;
   for (const auto& name : names) fs::exists(name) ? files.push_back(name) : void();
   ASSERT_EQ(files.size(), 1u);

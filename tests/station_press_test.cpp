@@ -106,14 +106,12 @@ TEST_F(Press, TimeLimitWithAClosedPort) {
 struct PressRows : Press, ::testing::WithParamInterface<Transcript> {};
 TEST_P(PressRows, Transcript) { run(GetParam()); }
 
-Lines valve_off_log(int well, const char* up, const char* out) {
-  const std::string w = "WELL:" + std::to_string(well + 1);
-  return {"VELMORA: SOC_PneumaticValveOff " + w,
-          "VELMORA: SOC_PneumaticValveOff, " + w + ", " + up + " vel_pne_up\n",
-          "VELMORA: SOC_PneumaticValveOff, " + w + ", " + out + " vel_pne_out\n"};
+Lines valve_off_log(int well, bool written) {
+  const std::string w = "WELL:" + std::to_string(well + 1),
+                    at = "VELMORA: SOC_PneumaticValveOff, " + w +
+                         (written ? ", Successfully write" : ", Failed to write");
+  return {"VELMORA: SOC_PneumaticValveOff " + w, at + " vel_pne_up\n", at + " vel_pne_out\n"};
 }
-const char* kOk = "Successfully write";
-const char* kFailed = "Failed to write";
 
 // Release raises, 0.01 s, opens, and its result is the second write's. Which port each press
 // call uses is the well-rule table's (station_bad_input_test).
@@ -128,10 +126,10 @@ INSTANTIATE_TEST_SUITE_P(Rows, PressRows, ::testing::Values(
   Transcript{"On_limit_NaN", [] { Press::board(1).script_status(replies({23}));
       return int(SOC_PneumaticValveOn(0, NAN)); }, 0, {{1, kQuery}}, std::nullopt, 0.4, 1.5},
   Transcript{"ValveOff", [] { return int(SOC_PneumaticValveOff(2)); }, 1,
-    {{1, "vel_pne_up\n"}, {1, "vel_pne_out\n", 0.01}}, valve_off_log(2, kOk, kOk)},
+    {{1, "vel_pne_up\n"}, {1, "vel_pne_out\n", 0.01}}, valve_off_log(2, true)},
   Transcript{"ValveOff_closed", [] {
       return testing_support::closed({0}, [] { return int(SOC_PneumaticValveOff(0)); }); }, 0,
-    {}, valve_off_log(0, kFailed, kFailed), 0.01}),
+    {}, valve_off_log(0, false), 0.01}),
   testing_support::row_name);
 // clang-format on
 

@@ -1,5 +1,7 @@
-// UUT, well, site, module and pipe numbers far outside their range, null and tiny buffers: the
-// documented answer, and nothing reaches a board. (Each area's suite tries its own bad values.)
+// Hostile input and a station's day: numbers far outside their range and null or tiny buffers get
+// the documented answer and reach no board (each area's suite tries its own bad values too); ports
+// kept from programs the host starts, forged log lines, stalled boards.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -7,6 +9,7 @@
 #include <string>
 
 #include "support/station_fixture.h"
+#include "topology.h"
 
 namespace {
 
@@ -15,6 +18,7 @@ using testing_support::StationFixture;
 using testing_support::Transcript;
 
 using BadInput = testing_support::StationFixture;
+using StationLife = testing_support::StationFixture;
 
 TEST_F(BadInput, UutIndexesAndBuffers) {
   // The version text needs 25 bytes.
@@ -48,9 +52,8 @@ TEST_F(BadInput, UutIndexesAndBuffers) {
   }
 }
 
-// The well-rule table: which well's port a call reaches for a well number. LEDs, release and
-// the board link's moves take only 1 as the second well (the well reset too: signal rows); the
-// status tests and the presses take any non-zero (the Run test 0 and 1 only: press tests).
+// Which well's port a call reaches for a well number: LEDs, release and the board link's moves
+// take only 1 as the second well, the status tests and the presses any non-zero.
 struct WellRule : testing_support::StationFixture, ::testing::WithParamInterface<Transcript> {};
 TEST_P(WellRule, Transcript) { run(GetParam()); }
 
@@ -70,8 +73,7 @@ std::vector<Transcript> well_rules() {
          {{onlyOne, "vel_pne_up\n"}, {onlyOne, "vel_pne_out\n", 0.01}}},
         {"SOC_IsFixtureEngaged" + at, [well] { return int(SOC_IsFixtureEngaged(well)); }, 0,
          {{anyNonZero, kQuery}}, std::nullopt, 0.3},
-        // Both buttons held, plate down: the cycle ends at its first poll and lights the run LED
-        // by the other rule.
+        // Both buttons held, plate down: one poll, then the run LED by the other rule.
         {"SOC_PneumaticValveOn" + at, [well, anyNonZero] {
            StationFixture::board(anyNonZero).script_status({testing_support::status_reply(24)});
            return int(SOC_PneumaticValveOn(well, -1.0f));
@@ -153,6 +155,40 @@ TEST_F(BadInput, ModuleAndPipeNumbers) {
         << bad;
     EXPECT_EQ(std::tuple(read, sensor, id), std::tuple(0u, 0xFFu, 255u)) << bad;
   }
+}
+
+// No port reaches a program the host starts.
+TEST_F(StationLife, PortsCloseOnExec) {
+  for (int uut = 0; uut < 8; ++uut) {
+    EXPECT_TRUE(fcntl(DIO_fileDescriptor[uut], F_GETFD) & FD_CLOEXEC) << "UUT index " << uut;
+  }
+}
+
+TEST_F(StationLife, DeviceStringsCannotForgeLogLines) {
+  const std::string name = "CDC\nVELMORA: forged\x1b[2J\x7F";
+  bus->add({sim::site_port_path(1, 4), 0x1234, 0x5678, name, "SN\r1", 0, {}});
+  ASSERT_EQ(enumUsbForLocationID(0x1234, 0x5678), 0);
+  EXPECT_EQ(log.syslog(), std::vector<std::string>{"UART Device added: DeviceName=CDC\\x0aVELMORA: "
+                                                   "forged\\x1b[2J\\x7f Serial Number=SN\\x0d1"});
+  EXPECT_EQ(std::string(getUSBDeviceName()), name + ",");  // the host gets it as read
+}
+
+// It stops the station and starts it again. (A pseudo-terminal has no closing wait to show; on
+// a CDC-ACM port a full queue would hold each close for up to 30 s.)
+TEST_F(StationLife, StopWithStalledBoardsTakesOnlyItsPauses) {
+  for (auto* b : boards->all()) b->stop_reading();
+  const std::string chunk(1000, 'x');
+  for (int uut = 0; uut < 8; ++uut) {
+    while (DIORS232Write(uut, chunk.c_str(), 1000)) continue;  // until its queue is full
+  }
+  const double start = brakwell::platform::monotonic_seconds();
+  SOC_Done();
+  const double elapsed = brakwell::platform::monotonic_seconds() - start;
+  EXPECT_GE(elapsed, 8 * 0.2);
+  EXPECT_LT(elapsed, 8 * 0.2 + 0.1);
+  for (auto* b : boards->all()) b->resume_reading();
+  ASSERT_TRUE(SOC_Start());
+  expect_working();
 }
 
 }  // namespace

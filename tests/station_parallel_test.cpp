@@ -1,5 +1,4 @@
-// All eight sites at once, each site's thread running its power and boot-mode sequences and signal
-// commands and asking its well's sensors. (Both wells' key chords at once: station_press_test.)
+// All eight sites at once, each site's thread running sequences, signal commands and sensor tests.
 #include <thread>
 
 #include "support/station_fixture.h"

@@ -113,8 +113,7 @@ Lines valve_off_log(int well, bool written) {
   return {"VELMORA: SOC_PneumaticValveOff " + w, at + " vel_pne_up\n", at + " vel_pne_out\n"};
 }
 
-// Release raises, 0.01 s, opens, and its result is the second write's. Which port each press
-// call uses is the well-rule table's (station_bad_input_test).
+// Release raises, 0.01 s, opens, and its result is the second write's.
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(Rows, PressRows, ::testing::Values(
   // Time limits: about 0.4 s a poll, false after the last; a negative limit or NaN: one poll.
@@ -164,8 +163,7 @@ TEST_F(Press, StatusTestTruthTables) {
       {SOC_IsFixtureClosed, "SOC_FixtureClosed", 0.01, {36, 40, 43}, {20, -1}},
       {SOC_IsFixtureOpened, "SOC_FixtureOpened", 0.01, {20, 22}, {36, -1}},
   };
-  // WELL 0 (port 0) is asked the true ones while WELL 2 (any value but 0: port 4) is asked the
-  // false ones, to halve the 0.3 s queries.
+  // Well 0 (port 0) answers the true ones while well 2 (port 4) answers the false ones, at once.
   for (const auto& c : cases) {
     SetUp();
     const auto work = [&](int well, const std::vector<int>& statuses) {

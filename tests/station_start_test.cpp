@@ -55,8 +55,7 @@ class Station : public ::testing::Test {
   testing_support::LogCapture log;
 };
 
-// (All eight boards: SecondStartRecountsAndDoneStopsEveryPort.) The quad bridge is enumerated
-// only when no cable kind was found.
+// The quad bridge is enumerated only when no cable kind was found.
 TEST_F(Station, WellsCountedFromCompleteSetsOfBoardNames) {
   const struct {
     const char* what;

@@ -1,6 +1,4 @@
-// fixturectl as a program: its command line, its JSON answers against the schema documented in
-// docs/USAGE.md, exit codes, run inside fixturesim with an operator and with faults; and the
-// demo, whose waveform a real reader (sigrok-cli) must read back site by site.
+// fixturectl inside fixturesim: its command line, JSON (docs/USAGE.md's schema) and the demo.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -10,6 +8,7 @@
 
 namespace {
 
+using tools_test::has;
 using tools_test::run;
 using Json = nlohmann::json;
 
@@ -22,10 +21,6 @@ std::vector<std::string> in_fixture(std::vector<std::string> sim,
   sim.insert(sim.end(), {"--", kCtl});
   sim.insert(sim.end(), ctl.begin(), ctl.end());
   return sim;
-}
-
-bool has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
 }
 
 // Schema 1 as docs/USAGE.md gives it: the fields of every answer, then each command's own.
@@ -62,8 +57,7 @@ std::string schema_errors(const std::string& line) {
   return errors.empty() ? "" : errors + " in " + line;
 }
 
-// Bad command lines fail at once with exit 2, before any station start (there is no fixture
-// here: a start would end in exit 3), and with --json as a schema-valid object on stdout.
+// Exit 2 before any station start (there is no fixture here: a start would exit 3).
 TEST(Fixturectl, BadArgumentsExitTwoBeforeTheStationStarts) {
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{"frobnicate"}, "fixturectl: no command named 'frobnicate'"},
@@ -102,8 +96,7 @@ TEST(Fixturectl, BadArgumentsExitTwoBeforeTheStationStarts) {
   EXPECT_EQ(run({kCtl, "raw", "--help"}).out, help.out);
 }
 
-// One station start, then every command family; each answer is one schema-valid line, failed
-// commands included, and the session ends with the last failure's status.
+// One station start, then every command family, failures included, each a schema-valid line.
 TEST(Fixturectl, SessionAnswersEveryCommandInTheSchema) {
   tools_test::ScratchDir dir;
   std::ofstream(dir / "script") << "# bring-up\nstart\nports\nstatus\ninit\npower on all\n"
@@ -140,10 +133,10 @@ TEST(Fixturectl, SessionAnswersEveryCommandInTheSchema) {
 
 TEST(Fixturectl, NoFixtureAndIncompleteWellsSayWhatIsMissing) {
   const auto none = run(in_fixture({"--missing", "1-8"}, {"start"}));
-  EXPECT_EQ(none.status, 3);
-  EXPECT_EQ(none.out, "");  // nothing on standard output before a failure
-  EXPECT_TRUE(has(none.err, "fixturectl start: no fixture found")) << none.err;
-  EXPECT_TRUE(has(none.err, "fixture boards on USB (1fc9:df01): none")) << none.err;
+  EXPECT_EQ(std::pair(none.status, none.out), std::pair(3, std::string()));  // stdout stays empty
+  EXPECT_TRUE(has(none.err, "fixturectl start: no fixture found") &&
+              has(none.err, "fixture boards on USB (1fc9:df01): none"))
+      << none.err;
 
   const auto partial = run(in_fixture({"--missing", "2,3"}, {"--json", "start"}));
   EXPECT_EQ(partial.status, 0) << partial.err;
@@ -172,8 +165,7 @@ TEST(Fixturectl, LibraryChatterOnlyWithLog) {
 }
 
 TEST(Fixturectl, PressWaitsForTheOperatorWithProgress) {
-  // A scripted operator holds both buttons from the start and lets go at 8 s: the cycle ends
-  // then, not before.
+  // The operator holds both buttons from the start and lets go at 8 s: the cycle ends then.
   const auto scripted = testing_support::takes(8, 30, [] {
     return run(in_fixture({"--operator", "AB+@0 AB-@8"}, {"press", "--timeout", "30"}));
   });
@@ -192,22 +184,21 @@ TEST(Fixturectl, DemoDrivesEverySiteAndSigrokReadsEachSitesSignals) {
   ASSERT_EQ(ran.status, 0) << ran.out << ran.err;
   for (const char* step : {"== start the station", "== the operator's two-hand press",
                            "power up: 8 site(s) at once in ", "== boot modes, every site at once",
-                           "== DIO modules", "== release and stop"}) {
+                           "== DIO modules", "== release and stop"})
     EXPECT_TRUE(has(ran.out, step)) << step;
-  }
   const auto shown = run({"sigrok-cli", "-I", "vcd", "-i", dir / "demo.vcd", "--show"});
   ASSERT_EQ(shown.status, 0) << shown.err;
   const auto vcd = tools_test::read_vcd(dir / "demo.vcd");
   for (int n = 1; n <= 8; ++n) {
     const std::string site = "site" + std::to_string(n);
     size_t wires = 0;
-    for (const auto& [name, var] : vcd.vars) {
+    for (const auto& [name, var] : vcd) {
       if (name.rfind("fixture." + site + "." + site + ".", 0) != 0 || var.width != 1) continue;
       EXPECT_TRUE(has(shown.out, "- " + name.substr(site.size() + 9) + ": logic\n")) << name;
       ++wires;
     }
     EXPECT_GE(wires, 19u) << site;
-    const auto& unit = vcd.vars.at("fixture." + site + "." + site + ".unit");
+    const auto& unit = vcd.at("fixture." + site + "." + site + ".unit");
     EXPECT_EQ(unit.values[1].second, "b10") << site;  // code 2 is recovery on every site
   }
 }

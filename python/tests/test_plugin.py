@@ -20,8 +20,7 @@ def test_station_inside_the_virtual_fixture(fixture_sim):
     assert (well.status(), well.engaged, well.closed) == (0x2B, True, True)
     well.power_all(True)
     arrivals = {e.unit.location for e in unit_events(quiet=0.5) if e.arrived}
-    locations = fixture_sim.unit_locations()
-    assert arrivals == {int(locations[n], 16) for n in (1, 2, 4)}
+    assert arrivals == {int(fixture_sim.unit_locations()[n], 16) for n in (1, 2, 4)}
     assert well.sites[3].unit_name == "Apple Mobile Device (Recovery Mode)"
     with pytest.raises(BrakwellError) as missing:
         well.sites[2].usb_power(True)
@@ -42,7 +41,8 @@ def test_a_failing_test_keeps_its_trace_and_waveform(pytester):
     result = pytester.runpytest_subprocess("-p", "brakwell.pytest_plugin", "--fixturesim-keep",
                                            str(kept))
     result.assert_outcomes(passed=1, failed=1)
-    result.stdout.fnmatch_lines(["*BrakwellError: PneumaticValveOn returned False*", f"*fixturesim trace: {kept}/*test_fails.trace",
+    result.stdout.fnmatch_lines(["*BrakwellError: PneumaticValveOn returned False*",
+                                 f"*fixturesim trace: {kept}/*test_fails.trace",
                                  f"*fixturesim waveform: {kept}/*test_fails.vcd"])
     assert sorted(p.name for p in kept.iterdir()) == ["test_cycle.py_test_fails.trace",
                                                       "test_cycle.py_test_fails.vcd"]

@@ -88,14 +88,11 @@ TEST(VirtualFaults, StrikeAtTheirTimeAfterStart) {
   std::map<std::string, double> seen;
   for (const auto& e : fixture.testbed().trace_events())
     if (e.time >= t0) seen.emplace(e.source + " " + e.what, e.time - t0);
-  for (const auto& [event, at] : {std::pair{"site2 unplugged=1", 0.2},
-                                  {"usb 1-1.2.2=remove", 0.2},
-                                  {"site3 reading=0", 0.3},
-                                  {"usb 1-3=remove", 0.1}}) {
-    ASSERT_TRUE(seen.count(event)) << event;
-    EXPECT_GE(seen[event], at) << event;
-    EXPECT_LT(seen[event], at + 0.3) << event;
-  }
+  for (auto [event, at] : {std::pair{"site2 unplugged=1", 0.2},
+                           {"usb 1-1.2.2=remove", 0.2},
+                           {"site3 reading=0", 0.3},
+                           {"usb 1-3=remove", 0.1}})
+    EXPECT_TRUE(seen.count(event) && seen[event] >= at && seen[event] < at + 0.3) << event;
 }
 
 TEST(TraceAndVcd, WritersKeepTimesAndValues) {

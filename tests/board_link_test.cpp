@@ -12,7 +12,6 @@
 
 namespace {
 
-using brakwell::platform::monotonic_seconds;
 using brakwell::platform::sleep_seconds;
 using testing_support::closed;
 using testing_support::Lines;
@@ -44,7 +43,7 @@ void answer_later(double before, const char* first, const char* second) {
   });
 }
 
-std::string sent(const char* verb, const char* move, int well, int uut) {
+std::string sent(const char* move, int well, int uut, const char* verb = "Successfully sent") {
   return std::string("VELMORA: ") + verb + " vel_pne_" + move +
          "\n for WELL:" + std::to_string(well) + ", UUT:" + std::to_string(uut);
 }
@@ -62,16 +61,14 @@ INSTANTIATE_TEST_SUITE_P(Rows, LinkRows, ::testing::Values(
   // A press move goes to every bound site of the well.
   Transcript{"Down_bound_only", [] { return unbound({4, 6}, [] { return fixtureDown(1), 0; }); }, 0,
     {{6, "vel_pne_down\n", 0.01}, {8, "vel_pne_down\n", 0.01}},
-    Lines{sent("fixtureDown, Successfully sent", "down", 2, 6), sent("fixtureDown, Successfully sent", "down", 2, 8)}},
+    Lines{sent("down", 2, 6, "fixtureDown, Successfully sent"), sent("down", 2, 8, "fixtureDown, Successfully sent")}},
   Transcript{"Up_past_a_closed_port", [] { return closed({5}, [] { return fixtureUp(1), 0; }); }, 0,
     {{5, "vel_pne_up\n", 0.01}, {7, "vel_pne_up\n", 0.02}, {8, "vel_pne_up\n", 0.01}},
-    Lines{sent("Successfully sent", "up", 2, 5), sent("Failed to send", "up", 2, 6),
-          sent("Successfully sent", "up", 2, 7), sent("Successfully sent", "up", 2, 8)}},
+    Lines{sent("up", 2, 5), sent("up", 2, 6, "Failed to send"), sent("up", 2, 7), sent("up", 2, 8)}},
   // A tray move into the first well. (The tray out's bytes and log are the controller suite's.)
   Transcript{"In", [] { return fixtureIn(0), 0; }, 0,
     {{1, "vel_pne_in\n", 0.01}, {2, "vel_pne_in\n", 0.01}, {3, "vel_pne_in\n", 0.01}, {4, "vel_pne_in\n", 0.01}},
-    Lines{sent("Successfully sent", "in", 1, 1), sent("Successfully sent", "in", 1, 2),
-          sent("Successfully sent", "in", 1, 3), sent("Successfully sent", "in", 1, 4)}},
+    Lines{sent("in", 1, 1), sent("in", 1, 2), sent("in", 1, 3), sent("in", 1, 4)}},
   // The status query reads the reply during its 0.3 s wait, however it comes.
   Transcript{"Query_split_reply", [] {
       answer_later(0, "vel_fixture_status=10", "0100 l_sw\n");
@@ -106,8 +103,7 @@ TEST_F(Link, OpensRaw115200NonBlockingAndReopenClearsArea) {
   ASSERT_EQ(tcgetattr(fd, &t), 0);
   EXPECT_EQ(cfgetospeed(&t), B115200);
   EXPECT_EQ(t.c_cflag & ~(CBAUD | CBAUDEX), tcflag_t(CS8 | CREAD | CLOCAL));
-  EXPECT_EQ(t.c_lflag & (ICANON | ECHO | ISIG), 0u);
-  EXPECT_EQ(t.c_oflag & OPOST, 0u);
+  EXPECT_EQ(std::pair(t.c_lflag & (ICANON | ECHO | ISIG), t.c_oflag & OPOST), std::pair(0u, 0u));
 
   std::strcpy(DIORS232Buff[0], "left over");
   EXPECT_TRUE(testing_support::takes(0.1, 1, [] { return openDIO_UARTForWell2(0); }));

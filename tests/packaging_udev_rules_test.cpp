@@ -6,19 +6,11 @@
 #include <fstream>
 #include <map>
 #include <regex>
-#include <sstream>
 #include <tuple>
 
 namespace {
 
 using Device = std::map<std::string, std::string>;
-
-bool any_matches(const std::string& patterns, const std::string& value) {
-  std::istringstream alternatives(patterns);
-  for (std::string p; std::getline(alternatives, p, '|');)
-    if (fnmatch(p.c_str(), value.c_str(), 0) == 0) return true;
-  return false;
-}
 
 // Runs the device through the rule files in order; answers "GROUP MODE mm links...".
 std::string apply(Device dev) {
@@ -31,7 +23,9 @@ std::string apply(Device dev) {
       std::vector<std::smatch> keys(std::sregex_iterator(line.begin(), line.end(), key), {});
       bool match = true;
       for (const auto& k : keys)
-        if (k[3] == "==" || k[3] == "!=") match &= any_matches(k[4], dev[k[1]]) == (k[3] == "==");
+        if (k[3] == "==" || k[3] == "!=")  // "a|b" matched as the extended glob "@(a|b)"
+          match &= (k[3] == "==") ==
+                   !fnmatch(("@(" + k[4].str() + ")").c_str(), dev[k[1]].c_str(), FNM_EXTMATCH);
       if (keys.empty() || (!label.empty() && (keys[0][1] != "LABEL" || keys[0][4] != label)))
         continue;
       label.clear();

@@ -40,9 +40,8 @@ TEST(Fixturesim, ExitStatusAndArgumentErrors) {
   for (auto [status, argv, why] : cases) {
     argv.insert(argv.begin(), kSim);
     const auto ran = run(argv);
-    EXPECT_EQ(ran.status, status) << why;
-    EXPECT_EQ(ran.err, status == 2 ? "fixturesim: " + why + "\nTry fixturesim --help.\n" : why);
-    EXPECT_EQ(ran.out, "");
+    const std::string err = status == 2 ? "fixturesim: " + why + "\nTry fixturesim --help.\n" : why;
+    EXPECT_EQ(std::tuple(ran.status, ran.err, ran.out), std::tuple(status, err, ""));
   }
   EXPECT_TRUE(has(run({kSim, "--help"}).out, "usage: fixturesim [options] -- PROGRAM [ARGS...]"));
   EXPECT_EQ(run({kSim, "--version"}).out, "fixturesim 4.1.0\n");

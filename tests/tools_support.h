@@ -28,8 +28,7 @@ inline bool has(const std::string& text, const std::string& part) {
 }
 
 inline std::string read_file(const std::string& path) {
-  std::ifstream in(path);
-  return {std::istreambuf_iterator<char>(in), {}};
+  return {std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {}};
 }
 
 struct Ran {

@@ -7,7 +7,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <sstream>
+#include <regex>
 #include <thread>
 
 #include "tools_support.h"
@@ -34,9 +34,8 @@ TEST(VirtualUnits, BootModeFollowsTheLinesAtPowerUp) {
   // Writes lines to site 2's port as the library would ("vusb_on" for "vel_vusb_on\n").
   const auto send = [&](const std::string& names) {
     const int expected = markers + 1;
-    std::istringstream in(names + " marker");
-    std::string text;
-    for (std::string name; in >> name;) text += "vel_" + name + "\n";
+    const std::string text =
+        std::regex_replace(names + " marker", std::regex(R"((\S+) ?)"), "vel_$1\n");
     ASSERT_EQ(write(fd, text.data(), text.size()), ssize_t(text.size()));
     for (int i = 0; i < 500 && markers < expected; ++i) std::this_thread::sleep_for(10ms);
     ASSERT_EQ(markers, expected);

@@ -7,8 +7,7 @@ from brakwell.pytest_plugin import fixturesim_options
 
 def test_marker_keywords_become_fixturesim_options():  # hyphens, flags, repeated options
     mark = pytest.mark.fixture_sim(dio_gone="0@1", echo=True, unplug=["2@1", "3@2"]).mark
-    assert fixturesim_options(mark) == ["--dio-gone", "0@1", "--echo", "--unplug", "2@1",
-                                        "--unplug", "3@2"]
+    assert fixturesim_options(mark) == "--dio-gone 0@1 --echo --unplug 2@1 --unplug 3@2".split()
 
 
 @pytest.mark.fixture_sim(wells=1, missing="3", operator="auto")

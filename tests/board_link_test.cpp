@@ -1,5 +1,4 @@
-// The fixture board link on a started station: the port settings, the bytes on the wire, the
-// status query and the well-wide actions. (The port scan and binding are the start suite's.)
+// The board link on a started station: port settings, wire bytes, status query, well-wide moves.
 #include "station/board_link.h"
 
 #include <fcntl.h>
@@ -13,7 +12,6 @@
 
 namespace {
 
-using brakwell::platform::monotonic_seconds;
 using brakwell::platform::sleep_seconds;
 using testing_support::closed;
 using testing_support::Lines;
@@ -45,7 +43,7 @@ void answer_later(double before, const char* first, const char* second) {
   });
 }
 
-std::string sent(const char* verb, const char* move, int well, int uut) {
+std::string sent(const char* move, int well, int uut, const char* verb = "Successfully sent") {
   return std::string("VELMORA: ") + verb + " vel_pne_" + move +
          "\n for WELL:" + std::to_string(well) + ", UUT:" + std::to_string(uut);
 }
@@ -63,21 +61,15 @@ INSTANTIATE_TEST_SUITE_P(Rows, LinkRows, ::testing::Values(
   // A press move goes to every bound site of the well.
   Transcript{"Down_bound_only", [] { return unbound({4, 6}, [] { return fixtureDown(1), 0; }); }, 0,
     {{6, "vel_pne_down\n", 0.01}, {8, "vel_pne_down\n", 0.01}},
-    Lines{sent("fixtureDown, Successfully sent", "down", 2, 6), sent("fixtureDown, Successfully sent", "down", 2, 8)}},
+    Lines{sent("down", 2, 6, "fixtureDown, Successfully sent"), sent("down", 2, 8, "fixtureDown, Successfully sent")}},
   Transcript{"Up_past_a_closed_port", [] { return closed({5}, [] { return fixtureUp(1), 0; }); }, 0,
     {{5, "vel_pne_up\n", 0.01}, {7, "vel_pne_up\n", 0.02}, {8, "vel_pne_up\n", 0.01}},
-    Lines{sent("Successfully sent", "up", 2, 5), sent("Failed to send", "up", 2, 6),
-          sent("Successfully sent", "up", 2, 7), sent("Successfully sent", "up", 2, 8)}},
-  // A tray move in and out of the first well. (Which sites a well number reaches is the well-rule table's.)
-  Transcript{"InOut", [] { return fixtureIn(0), fixtureOut(0), 0; }, 0,
-    {{1, "vel_pne_in\n", 0.01}, {2, "vel_pne_in\n", 0.01}, {3, "vel_pne_in\n", 0.01}, {4, "vel_pne_in\n", 0.01},
-     {1, "vel_pne_out\n", 0.01}, {2, "vel_pne_out\n", 0.01}, {3, "vel_pne_out\n", 0.01}, {4, "vel_pne_out\n", 0.01}},
-    Lines{sent("Successfully sent", "in", 1, 1), sent("Successfully sent", "in", 1, 2),
-          sent("Successfully sent", "in", 1, 3), sent("Successfully sent", "in", 1, 4),
-          sent("Successfully sent", "out", 1, 1), sent("Successfully sent", "out", 1, 2),
-          sent("Successfully sent", "out", 1, 3), sent("Successfully sent", "out", 1, 4)}},
-  // The status query reads the reply during its 0.3 s wait, however it comes. (The first well's
-  // query log is the press suite's.)
+    Lines{sent("up", 2, 5), sent("up", 2, 6, "Failed to send"), sent("up", 2, 7), sent("up", 2, 8)}},
+  // A tray move into the first well. (The tray out's bytes and log are the controller suite's.)
+  Transcript{"In", [] { return fixtureIn(0), 0; }, 0,
+    {{1, "vel_pne_in\n", 0.01}, {2, "vel_pne_in\n", 0.01}, {3, "vel_pne_in\n", 0.01}, {4, "vel_pne_in\n", 0.01}},
+    Lines{sent("in", 1, 1), sent("in", 1, 2), sent("in", 1, 3), sent("in", 1, 4)}},
+  // The status query reads the reply during its 0.3 s wait, however it comes.
   Transcript{"Query_split_reply", [] {
       answer_later(0, "vel_fixture_status=10", "0100 l_sw\n");
       return queryFixtureStatusForWell2(4); }, 36, {{5, kQuery, 0.3}},
@@ -111,8 +103,7 @@ TEST_F(Link, OpensRaw115200NonBlockingAndReopenClearsArea) {
   ASSERT_EQ(tcgetattr(fd, &t), 0);
   EXPECT_EQ(cfgetospeed(&t), B115200);
   EXPECT_EQ(t.c_cflag & ~(CBAUD | CBAUDEX), tcflag_t(CS8 | CREAD | CLOCAL));
-  EXPECT_EQ(t.c_lflag & (ICANON | ECHO | ISIG), 0u);
-  EXPECT_EQ(t.c_oflag & OPOST, 0u);
+  EXPECT_EQ(std::pair(t.c_lflag & (ICANON | ECHO | ISIG), t.c_oflag & OPOST), std::pair(0u, 0u));
 
   std::strcpy(DIORS232Buff[0], "left over");
   EXPECT_TRUE(testing_support::takes(0.1, 1, [] { return openDIO_UARTForWell2(0); }));
@@ -127,15 +118,12 @@ TEST_F(Link, OpensRaw115200NonBlockingAndReopenClearsArea) {
 }
 
 TEST_F(Link, WriteSendsExactBytesAndClearsTheArea) {
-  // Every write clears the area first: one with nothing to send succeeds, one to a closed port
-  // fails.
-  // clang-format off
-  for (auto [uut, text, sent] : {std::tuple{2, "vel_vusb_on\n", true}, {2, "", true},
-                                 {2, "vel_vusb_off\n", true}, {0, "vel_vusb_on\n", false}}) {
-    // clang-format on
+  // Every write clears the area first: an empty one succeeds, one to UUT 0 (port closed) fails.
+  for (auto [uut, text] :
+       {std::pair{2, "vel_vusb_on\n"}, {2, ""}, {2, "vel_vusb_off\n"}, {0, "vel_vusb_on\n"}}) {
     std::strcpy(DIORS232Buff[uut], "stale reply");
     const auto write = [&] { return DIORS232Write(uut, text, int(std::strlen(text))); };
-    EXPECT_EQ(closed({uut == 0 ? 0 : 7}, write), sent) << text;
+    EXPECT_EQ(closed({uut == 0 ? 0 : 7}, write), uut != 0) << text;
     EXPECT_STREQ(DIORS232Buff[uut], "");
   }
   std::strcpy(DIORS232Buff[7], "untouched");
@@ -172,9 +160,8 @@ TEST_F(Link, ShortWriteFailsAndThePortStaysOpen) {
   EXPECT_TRUE(board(1).wait_lines(1, 10));  // drained up to that line, for the next test
 }
 
-// Nine digits keep the low six bits; the digit before the marker is dropped; a leading blank is
-// skipped; no digits read as 0. Without a marker, an "=" before it and at least two characters
-// between them there is no status.
+// Nine digits keep the low six bits, the digit before the marker is dropped, a leading blank is
+// skipped, no digits read 0; no status without "=", the marker and two characters between them.
 TEST(StatusReply, Parse) {
   // clang-format off
   const std::pair<const char*, int> cases[] = {
@@ -191,8 +178,7 @@ TEST_F(Link, StatusQueryWithoutAnswer) {
   board(1).script_status({std::string(30000, '1')});  // oversized, never terminated
   EXPECT_EQ(queryFixtureStatusForWell1(0), -1);
   EXPECT_EQ(strnlen(DIORS232Buff[0], 25000), 24999u);
-  // A status among the first 24,999 bytes counts, one past them does not, and nothing spills
-  // into the next UUT's area.
+  // Only the first 24,999 bytes count, and nothing spills into the next UUT's area.
   std::strcpy(DIORS232Buff[1], "neighbour");
   const std::string reply = brakwell::station::status_reply(40), filler(30000, 'x');
   board(1).script_status({reply + filler});

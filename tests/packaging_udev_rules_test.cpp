@@ -1,29 +1,20 @@
-// The udev rules against the properties and attributes of the fixture's devices and of strangers
-// that must be left alone. No udev daemon runs here: a small matcher stands in for it (==, !=,
-// globs, "a|b" alternatives, ENV assignments, GOTO/LABEL, IMPORT{builtin}="usb_id").
+// The udev rules on the fixture's devices and on strangers, through a small matcher standing in
+// for udev (==, !=, globs, "a|b", ENV assignments, GOTO/LABEL, IMPORT{builtin}="usb_id").
 #include <fnmatch.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
 #include <map>
 #include <regex>
-#include <sstream>
 #include <tuple>
 
 namespace {
 
 using Device = std::map<std::string, std::string>;
 
-bool any_matches(const std::string& patterns, const std::string& value) {
-  std::istringstream alternatives(patterns);
-  for (std::string p; std::getline(alternatives, p, '|');)
-    if (fnmatch(p.c_str(), value.c_str(), 0) == 0) return true;
-  return false;
-}
-
 // Runs the device through the rule files in order; answers "GROUP MODE mm links...".
 std::string apply(Device dev) {
-  std::string group, mode, links, label;
+  std::string label;
   const std::regex key(R"re(([A-Z_]+(\{[^}]*\})?)\s*(==|!=|\+=|=)\s*"([^"]*)")re");
   for (const char* file : {"60-brakwell.rules", "70-brakwell-access.rules"}) {
     std::ifstream in(std::string(BRAKWELL_SOURCE_DIR) + "/packaging/udev/" + file);
@@ -32,7 +23,9 @@ std::string apply(Device dev) {
       std::vector<std::smatch> keys(std::sregex_iterator(line.begin(), line.end(), key), {});
       bool match = true;
       for (const auto& k : keys)
-        if (k[3] == "==" || k[3] == "!=") match &= any_matches(k[4], dev[k[1]]) == (k[3] == "==");
+        if (k[3] == "==" || k[3] == "!=")  // "a|b" matched as the extended glob "@(a|b)"
+          match &= (k[3] == "==") ==
+                   !fnmatch(("@(" + k[4].str() + ")").c_str(), dev[k[1]].c_str(), FNM_EXTMATCH);
       if (keys.empty() || (!label.empty() && (keys[0][1] != "LABEL" || keys[0][4] != label)))
         continue;
       label.clear();
@@ -41,19 +34,16 @@ std::string apply(Device dev) {
         for (std::smatch m; std::regex_search(value, m, std::regex(R"(\$env\{(\w+)\})"));)
           value = m.prefix().str() + dev["ENV{" + m[1].str() + "}"] + m.suffix().str();
         if (!match || k[3] == "==" || k[3] == "!=") continue;
-        const std::string name = k[1];
-        if (name.rfind("ENV{", 0) == 0) dev[name] = value;
-        if (name == "GROUP") group = value;
-        if (name == "MODE") mode = value;
-        if (name == "SYMLINK") links += " " + value;
-        if (name == "GOTO") label = value;
-        if (name == "IMPORT{builtin}" && value == "usb_id")
+        dev[k[1]] = k[1] == "SYMLINK" ? dev[k[1]] + " " + value : value;  // GROUP, MODE, ENV{}...
+        if (k[1] == "GOTO") label = value;
+        if (k[1] == "IMPORT{builtin}" && value == "usb_id")
           for (std::string p : {"ID_SERIAL_SHORT", "ID_USB_INTERFACE_NUM"})
             dev["ENV{" + p + "}"] = dev["usb_id:" + p];
       }
     }
   }
-  return group + " " + mode + (dev["ENV{ID_MM_DEVICE_IGNORE}"] == "1" ? " mm" : "") + links;
+  return dev["GROUP"] + " " + dev["MODE"] + (dev["ENV{ID_MM_DEVICE_IGNORE}"] == "1" ? " mm" : "") +
+         dev["SYMLINK"];
 }
 
 // clang-format off

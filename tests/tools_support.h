@@ -14,10 +14,8 @@
 namespace tools_test {
 
 struct ScratchDir {
-  std::string path = [] {
-    std::string p = std::filesystem::temp_directory_path() / "brakwell-tools-XXXXXX";
-    return std::string(mkdtemp(p.data()));
-  }();
+  std::string path =
+      mkdtemp((std::filesystem::temp_directory_path() / "brakwell-XXXXXX").string().data());
   ~ScratchDir() {
     std::error_code ignored;
     std::filesystem::remove_all(path, ignored);
@@ -25,9 +23,12 @@ struct ScratchDir {
   std::string operator/(const std::string& name) const { return path + "/" + name; }
 };
 
+inline bool has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
 inline std::string read_file(const std::string& path) {
-  std::ifstream in(path);
-  return {std::istreambuf_iterator<char>(in), {}};
+  return {std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {}};
 }
 
 struct Ran {
@@ -45,20 +46,17 @@ inline Ran run(const std::vector<std::string>& argv, double timeout = 120) {
           read_file(dir / "out"), read_file(dir / "err")};
 }
 
-// A VCD file as a waveform viewer reads it: each variable by its full name
-// ("fixture.site3.unit") with its declared type, width and values over time.
+// A VCD file as a viewer reads it: variables by full name ("fixture.site3.unit").
 struct VcdVar {
   std::string type;
   int width = 0;
   std::vector<std::pair<long long, std::string>> values;  // time, value ("1", "b101")
 };
-struct VcdFile {
-  std::map<std::string, VcdVar> vars;
-  bool ok = false;  // the header ended with $enddefinitions
-};
+using VcdFile = std::map<std::string, VcdVar>;
 
 inline VcdFile read_vcd(const std::string& path) {
   VcdFile vcd;
+  bool body = false;  // past $enddefinitions
   std::ifstream in(path);
   std::vector<std::string> scopes;
   std::map<std::string, std::string> byId;
@@ -70,15 +68,15 @@ inline VcdFile read_vcd(const std::string& path) {
       scopes.pop_back();
     } else if (VcdVar var; w == "$var" && in >> var.type >> var.width >> id >> name) {
       for (auto s = scopes.rbegin(); s != scopes.rend(); ++s) name = *s + "." + name;
-      vcd.vars[byId[id] = name] = var;
+      vcd[byId[id] = name] = var;
     } else if (w == "$enddefinitions") {
-      vcd.ok = true;
-    } else if (vcd.ok && w[0] == '#') {
+      body = true;
+    } else if (body && w[0] == '#') {
       time = std::stoll(w.substr(1));
-    } else if (vcd.ok && (w[0] == 'b' || w[0] == 'r') && in >> id && byId.count(id)) {
-      vcd.vars[byId[id]].values.emplace_back(time, w);
-    } else if (vcd.ok && byId.count(w.substr(1))) {
-      vcd.vars[byId[w.substr(1)]].values.emplace_back(time, w.substr(0, 1));
+    } else if (body && (w[0] == 'b' || w[0] == 'r') && in >> id && byId.count(id)) {
+      vcd[byId[id]].values.emplace_back(time, w);
+    } else if (body && byId.count(w.substr(1))) {
+      vcd[byId[w.substr(1)]].values.emplace_back(time, w.substr(0, 1));
     }
   }
   return vcd;

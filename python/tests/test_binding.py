@@ -1,5 +1,4 @@
-# Every name Brakwell.h declares is declared in brakwell.lib with the same C types, and nothing
-# else is: the header is read here independently of the table in lib.py.
+# brakwell.lib declares exactly the names of Brakwell.h, read here apart from lib.py's table.
 import ctypes as C
 import re
 from pathlib import Path
@@ -18,10 +17,7 @@ def ctype(text):
     base, stars = re.sub(r"\s+", " ", text.replace("*", "")).strip(), text.count("*")
     if stars and (base in ("char", "void") or base not in BASE):  # texts, void*, opaque types
         return (C.c_char_p if base == "char" else C.c_void_p) if stars == 1 else C.POINTER(C.c_void_p)
-    t = BASE[base]
-    for _ in range(stars):
-        t = C.POINTER(t)
-    return t
+    return C.POINTER(BASE[base]) if stars else BASE[base]
 
 
 def declarations():

@@ -15,8 +15,7 @@ def test_two_well_cycle_prints_its_results_table(tmp_path):
     rows = re.findall(r"^(\d) +(\d) +(\w+) +(0x\w+) +(.+?) +(PASS|FAIL)$", run.stdout, re.M)
     assert [(r[0], r[1], r[2], r[5]) for r in rows] == [
         (str(n), str((n + 3) // 4), "dfu" if n % 2 else "iboot", "PASS") for n in range(1, 9)]
-    assert {r[4] for r in rows} == {"Apple Mobile Device (DFU Mode)",
-                                    "Apple Mobile Device (Recovery Mode)"}
+    assert {r[4] for r in rows} == {f"Apple Mobile Device ({m} Mode)" for m in ("DFU", "Recovery")}
     assert re.search(r"^8 passed, 0 failed; cycle \d+\.\d s$", run.stdout, re.M)
     boot = re.search(r"boot sequences on 8 sites: ([\d.]+) s at once, ([\d.]+) s", run.stdout)
     assert 1.12 <= float(boot[1]) < float(boot[2]) / 4

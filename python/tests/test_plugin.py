@@ -7,8 +7,7 @@ from brakwell.pytest_plugin import fixturesim_options
 
 def test_marker_keywords_become_fixturesim_options():  # hyphens, flags, repeated options
     mark = pytest.mark.fixture_sim(dio_gone="0@1", echo=True, unplug=["2@1", "3@2"]).mark
-    assert fixturesim_options(mark) == ["--dio-gone", "0@1", "--echo", "--unplug", "2@1",
-                                        "--unplug", "3@2"]
+    assert fixturesim_options(mark) == "--dio-gone 0@1 --echo --unplug 2@1 --unplug 3@2".split()
 
 
 @pytest.mark.fixture_sim(wells=1, missing="3", operator="auto")
@@ -20,18 +19,11 @@ def test_station_inside_the_virtual_fixture(fixture_sim):
     assert (well.status(), well.engaged, well.closed) == (0x2B, True, True)
     well.power_all(True)
     arrivals = {e.unit.location for e in unit_events(quiet=0.5) if e.arrived}
-    locations = fixture_sim.unit_locations()
-    assert arrivals == {int(locations[n], 16) for n in (1, 2, 4)}
+    assert arrivals == {int(fixture_sim.unit_locations()[n], 16) for n in (1, 2, 4)}
     assert well.sites[3].unit_name == "Apple Mobile Device (Recovery Mode)"
     with pytest.raises(BrakwellError) as missing:
         well.sites[2].usb_power(True)
     assert (missing.value.call, missing.value.result) == ("SOC_USBPower", False)
-
-
-@pytest.mark.fixture_sim(wells=1)
-def test_a_press_nobody_finishes_raises(fixture_sim):
-    with pytest.raises(BrakwellError, match="PneumaticValveOn returned False"):
-        fixture_sim.wells[0].press(timeout=0.5)
 
 
 def test_a_failing_test_keeps_its_trace_and_waveform(pytester):
@@ -40,7 +32,7 @@ def test_a_failing_test_keeps_its_trace_and_waveform(pytester):
         @pytest.mark.fixture_sim(wells=1)
         def test_fails(fixture_sim):
             fixture_sim.sites[1].usb_power(True)
-            assert False, "site 2 broke"
+            fixture_sim.wells[0].press(timeout=0.5)  # nobody finishes it
         def test_passes(fixture_sim):
             assert fixture_sim.sites[1].connected
     """)
@@ -48,7 +40,8 @@ def test_a_failing_test_keeps_its_trace_and_waveform(pytester):
     result = pytester.runpytest_subprocess("-p", "brakwell.pytest_plugin", "--fixturesim-keep",
                                            str(kept))
     result.assert_outcomes(passed=1, failed=1)
-    result.stdout.fnmatch_lines(["*site 2 broke*", f"*fixturesim trace: {kept}/*test_fails.trace",
+    result.stdout.fnmatch_lines(["*BrakwellError: PneumaticValveOn returned False*",
+                                 f"*fixturesim trace: {kept}/*test_fails.trace",
                                  f"*fixturesim waveform: {kept}/*test_fails.vcd"])
     assert sorted(p.name for p in kept.iterdir()) == ["test_cycle.py_test_fails.trace",
                                                       "test_cycle.py_test_fails.vcd"]

@@ -62,6 +62,7 @@ TEST(UdevRules, NameAndOpenTheFixturesDevicesOnlyAndLeaveStrangersAlone) {
       {"board", device("add", "", "1fc9:df01", "VEL_03_A"), "brakwell 0660 mm"},
       {"board port", device("add", "ttyACM2", "1fc9:df01", "VEL_03_A"), "brakwell 0660 mm tty.usbmodemVEL_03_A1"},
       {"board port, change", device("change", "ttyACM2", "1fc9:df01", "VEL_03_A"), "brakwell 0660 mm tty.usbmodemVEL_03_A1"},
+      {"board port, other interface", device("add", "ttyACM3", "1fc9:df01", "VEL_03_A", "02"), "brakwell 0660 mm"},
       {"board port, remove", device("remove", "ttyACM2", "1fc9:df01", "VEL_03_A"), " "},
       {"UART bridge", device("add", "", "0403:6001", "RT000001"), "brakwell 0660 mm"},
       {"UART port", device("add", "ttyUSB0", "0403:6001", "RT000001"), "brakwell 0660 mm cu.usbserial-RT000001"},
